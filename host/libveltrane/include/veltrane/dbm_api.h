@@ -18,7 +18,8 @@ typedef enum             // never renumber; the numbers between are the library'
   dbid_cookies = 23,           // "cookies"             host name -> cookie text and its zero
   dbid_max = 24 } dbid;
 
-// new, made 0600 when missing (state/ must exist); false with errno. A second OpenDB in a process shares it
+// new, made 0600 when missing (state/ must exist); false with errno, EUCLEAN for a file that is no database or was cut
+// off. A second OpenDB in a process shares it
 bool OpenDB(DBHandle **ret_db, dbid id);
 
 // new; false with ENOENT when nobody has made it: readers must tell "never filled" from "empty". Other failures as
@@ -49,7 +50,7 @@ bool WriteDB(DBHandle *db, const char *key, const void *value, int size);
 // false when absent or on failure
 bool DeleteDB(DBHandle *db, const char *key);
 
-// new: a frozen view of all entries; holds up no reader and no writer
+// new: a frozen view of all entries, a copy in memory; holds up no reader and no writer and may outlive db
 bool NewDBCursor(DBHandle *db, DBCursor **ret_cursor);
 
 // false at the end. Lent until the next call; key_size counts the zero; an empty value is NULL and 0. Byte order of
@@ -59,8 +60,8 @@ bool NextDB(DBCursor *cursor, char **ret_key, int *ret_key_size, void **ret_valu
 // notes the entry just returned for deletion
 bool DBCursorDeleteEntry(DBCursor *cursor);
 
-// deletes the noted entries in one transaction (one that was rewritten since stays), frees the cursor; false when
-// that failed, errno
+// deletes the noted entries in one transaction (one that was rewritten since, with another value, stays), frees the
+// cursor; false when that failed, errno
 bool DeleteDBCursor(DBCursor *cursor);
 
 // LMDB, one environment a database, and the manners that it demands: an environment is opened once a process and

@@ -28,8 +28,8 @@ Writer *FileRead(const char *path, size_t max_size, bool *ret_truncated);
 // 4096). Length, or -1 at the end of the file or on an error
 ssize_t VtReadLine(char **line, size_t *size, FILE *fp);
 
-// every missing directory above path, 0700. force: what stands in the way as a file is moved aside as
-// "<name>.moved-aside". false with errno
+// every missing directory above path, 0700; a path that ends in "/" is the last of them. force: what stands in the way
+// as a file is moved aside as "<name>.moved-aside". false with errno
 bool MakeParentDirectory(const char *path, bool force);
 
 // adds a separator unless path ends in one, then leaf; false and path unchanged when the result and its zero exceed

@@ -84,7 +84,8 @@ void ServerConnectionStateDestroy(ServerConnectionState *conn);
 AgentConnection *ServerConnection(const char *server, const char *port, const Rlist *restrict_keys,
                                   unsigned int connect_timeout, ConnectionFlags flags, int *ret_error);
 
-// TLS close, socket closed, record freed
+// TLS close, socket closed, record freed; a connection made with cache_connection whose last answer came whole is put
+// aside for the next caller instead
 void DisconnectServer(AgentConnection *conn);
 
 // record and TLS object freed without a byte on the wire; the socket stays open

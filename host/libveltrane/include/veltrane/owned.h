@@ -7,9 +7,13 @@
 
 #ifdef __cplusplus
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include <veltrane/buffer.h>
 #include <veltrane/class.h>
@@ -54,6 +58,43 @@ using PolicyPtr = std::unique_ptr<Policy, Destroyer<PolicyDestroy>>;
 using EvalContextPtr = std::unique_ptr<EvalContext, Destroyer<EvalContextDestroy>>;
 using ClassTableIteratorPtr = std::unique_ptr<ClassTableIterator, Destroyer<ClassTableIteratorDestroy>>;
 using VariableTableIteratorPtr = std::unique_ptr<VariableTableIterator, Destroyer<VariableTableIteratorDestroy>>;
+
+// An open file descriptor, or none (-1). It is closed with its owner, and errno stays what it was.
+class Descriptor {
+  public:
+    explicit Descriptor(int fd = -1) : fd_(fd) {}
+    ~Descriptor()
+    {
+        const int saved_errno = errno;
+        (void)Close();  // who needs to know calls it
+        errno = saved_errno;
+    }
+    Descriptor(Descriptor &&other) noexcept : fd_(other.Release()) {}
+    Descriptor &operator=(Descriptor &&other) noexcept
+    {
+        if (this != &other) {
+            (void)Close();
+            fd_ = other.Release();
+        }
+        return *this;
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+
+    int Get() const { return fd_; }
+    bool IsOpen() const { return fd_ >= 0; }
+    int Release() { return std::exchange(fd_, -1); }
+
+    // False with errno when closing reported a failed write; true when nothing was open.
+    bool Close()
+    {
+        const int fd = Release();
+        return fd < 0 || close(fd) == 0;
+    }
+
+  private:
+    int fd_;
+};
 
 }  // namespace veltrane
 

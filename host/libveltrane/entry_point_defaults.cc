@@ -1,0 +1,52 @@
+// What the host does itself at each framed entry point when no plug-in answers, in the order of entry_points.def.
+//
+// Most of it is nothing: an agent without the plug-in evaluates policy and leaves no reports.
+#include "entry_point_defaults.h"
+
+#include <openssl/evp.h>
+
+#include <veltrane/crypto.h>
+#include <veltrane/eval_context.h>
+#include <veltrane/globals.h>
+#include <veltrane/string_lib.h>
+#include <veltrane/writer.h>
+
+namespace veltrane {
+
+void Vesk_TrackExecutionDefault(const char *) {}
+void GenerateReportsDefault(const GenericAgentConfig *, const EvalContext *) {}
+void Vesk_NoteAgentExecutionPerformanceDefault(const char *, struct timespec) {}
+
+bool ReturnQueryDataDefault(ServerConnectionState *, char *, int) { return false; }
+void KeepReportDataSelectAccessPromiseDefault(const Promise *) {}
+void CleanReportBookFilterSetDefault() {}
+
+void Vesk_InitializeDefault(EvalContext *) {}
+const char *GetConsolePrefixDefault() { return "veltrane"; }
+
+bool TranslatePathDefault(const char *from, char *to, size_t to_size)
+{
+    return StringCopy(from, to, to_size) < to_size;
+}
+
+const EVP_CIPHER *VeltraneCipherDefault(char) { return EVP_bf_cbc(); }
+int VtSessionKeySizeDefault(char) { return 16; }
+char VtEnterpriseOptionsDefault() { return 'c'; }
+
+void GenericAgentSetDefaultDigestDefault(HashMethod *digest, int *digest_len)
+{
+    *digest = HASH_METHOD_SHA256;
+    *digest_len = VT_SHA256_LEN;
+}
+
+HashMethod GetBestFileChangeHashMethodDefault() { return HASH_METHOD_SHA256; }
+
+void GenericAgentAddEditionClassesDefault(EvalContext *ctx)
+{
+    EvalContextClassPutHard(ctx, "core_edition", "inventory,attribute_name=none,source=agent");
+}
+
+void GenericAgentWriteVersionDefault(Writer *w) { WriterWriteF(w, "%s\n", NameVersion()); }
+void EnterpriseContextDefault(EvalContext *) {}
+
+}  // namespace veltrane

@@ -1,0 +1,144 @@
+// The functions that a value of the policy may call.
+#include "libveltrane/policy_functions.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <veltrane/class.h>
+#include <veltrane/errors.h>
+#include <veltrane/file_lib.h>
+#include <veltrane/owned.h>
+#include <veltrane/string_lib.h>
+
+#include "libveltrane/child_process.h"
+
+namespace veltrane {
+
+namespace {
+
+constexpr int kCommandSeconds = 60;
+constexpr size_t kLargestText = 1024 * 1024;
+
+// What a function gives: its text, or why it failed.
+struct Answer {
+    bool ok;
+    std::string text;
+};
+
+Answer Failed(std::string why) { return {false, std::move(why)}; }
+
+Answer ExecResult(const FunctionCall &call)
+{
+    const std::string &line = call.arguments[0];
+    Command command;
+    command.timeout_seconds = kCommandSeconds;
+    command.output_limit = kLargestText;
+    if (call.arguments[1] == "useshell") {
+        command.words = {"/bin/sh", "-c", line};
+    } else if (call.arguments[1] == "noshell") {
+        const auto words = SplitWords(line);
+        if (!words.has_value()) {
+            return Failed("a quote stays open in '" + line + "'");
+        }
+        command.words = *words;
+    } else {
+        return Failed("'" + call.arguments[1] + "' is neither noshell nor useshell");
+    }
+    CommandResult result = RunCommand(command);
+    if (!result.Succeeded()) {
+        return Failed("'" + line + "': " + result.Describe());
+    }
+    if (result.cut || result.output.find('\0') != std::string::npos) {
+        return Failed("'" + line + "' printed what no variable can hold");
+    }
+    result.output.erase(result.output.find_last_not_of('\n') + 1);
+    return {true, std::move(result.output)};
+}
+
+Answer ReadFileText(const FunctionCall &call)
+{
+    const std::string &path = call.arguments[0];
+    size_t limit = kLargestText;
+    if (call.arguments.size() > 1) {
+        long bytes = 0;
+        if (!StringIsNumeric(call.arguments[1].c_str()) || StringToLong(call.arguments[1].c_str(), &bytes) != 0 ||
+            bytes > static_cast<long>(kLargestText)) {
+            return Failed("'" + call.arguments[1] + "' is no number of bytes up to " + std::to_string(kLargestText));
+        }
+        limit = static_cast<size_t>(bytes);
+    }
+    const WriterPtr text(FileRead(path.c_str(), limit, nullptr));
+    if (text == nullptr) {
+        return Failed("'" + path + "': " + GetErrorStr());
+    }
+    std::string bytes(StringWriterData(text.get()), StringWriterLength(text.get()));
+    if (bytes.find('\0') != std::string::npos) {
+        return Failed("'" + path + "' is no text: it holds a zero byte");
+    }
+    return {true, std::move(bytes)};
+}
+
+Answer Canonify(const FunctionCall &call)
+{
+    std::string name = call.arguments[0];
+    CanonifyNameInPlace(name.data());
+    return {true, std::move(name)};
+}
+
+Answer ClassMatch(const FunctionCall &call)
+{
+    const ClassTableIteratorPtr classes(EvalContextClassTableIteratorNewGlobal(call.ctx, nullptr, true, true));
+    while (const Class *one = ClassTableIteratorNext(classes.get())) {
+        const TextPtr name(ClassRefToString(one->ns, one->name));
+        if (StringMatchFull(call.arguments[0].c_str(), name.get())) {
+            return {true, "any"};
+        }
+    }
+    return {true, "!any"};
+}
+
+struct Function {
+    const char *name;
+    size_t fewest;  // arguments
+    size_t most;
+    Answer (*work)(const FunctionCall &call);  // nullptr: not part of this build
+};
+
+constexpr Function kFunctions[] = {
+    {"execresult", 2, 2, ExecResult},  {"readfile", 1, 2, ReadFileText}, {"canonify", 1, 1, Canonify},
+    {"classmatch", 1, 1, ClassMatch},  {"ldapvalue", 0, 0, nullptr},     {"ldaplist", 0, 0, nullptr},
+    {"ldaparray", 0, 0, nullptr},      {"regldap", 0, 0, nullptr},       {"remotescalar", 0, 0, nullptr},
+    {"hostswithclass", 0, 0, nullptr},
+};
+
+const Function *Find(const char *name)
+{
+    const auto *found = std::find_if(std::begin(kFunctions), std::end(kFunctions),
+                                     [name](const Function &one) { return strcmp(one.name, name) == 0; });
+    return found != std::end(kFunctions) ? found : nullptr;
+}
+
+}  // namespace
+
+bool IsPolicyFunction(const char *name) { return Find(name) != nullptr; }
+
+bool CallPolicyFunction(const FunctionCall &call, Rval *ret_value)
+{
+    const Function *function = Find(call.name.c_str());
+    if (function == nullptr || function->work == nullptr) {
+        Log(LOG_LEVEL_ERR, "Function '%s' is not available", call.name.c_str());
+        return false;
+    }
+    const size_t given = call.arguments.size();
+    const Answer answer = given < function->fewest || given > function->most
+                              ? Failed("it does not take " + std::to_string(given) + " arguments")
+                              : function->work(call);
+    if (!answer.ok) {
+        Log(LOG_LEVEL_ERR, "Function '%s' failed: %s", call.name.c_str(), answer.text.c_str());
+        return false;
+    }
+    *ret_value = RvalNew(answer.text.c_str(), RVAL_TYPE_SCALAR);
+    return true;
+}
+
+}  // namespace veltrane

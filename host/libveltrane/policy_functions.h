@@ -1,0 +1,37 @@
+// The functions that a value of the policy may call: {name: [arguments]}.
+//
+// Each name that the language knows is in one table. A name whose work is not part of this build, or that needs what
+// this host lacks, fails when it is called: the promise is skipped, the rest of the policy goes on.
+//
+//   execresult [command, noshell|useshell]  what a command prints on its standard output, without the line ends at its
+//                                           end; another exit status than 0, and more than a minute, is a failure
+//   readfile   [path] or [path, bytes]      what a file holds, at most so many bytes (1 MiB)
+//   canonify   [text]                       the text as the name of a class
+//   classmatch [regex]                      "any" when the whole name of a class of the run matches, else "!any"
+#ifndef HOST_LIBVELTRANE_POLICY_FUNCTIONS_H
+#define HOST_LIBVELTRANE_POLICY_FUNCTIONS_H
+
+#include <string>
+#include <vector>
+
+#include <veltrane/eval_context.h>
+#include <veltrane/policy.h>
+
+namespace veltrane {
+
+struct FunctionCall {
+    EvalContext *ctx;
+    const Promise *promise;  // that the call belongs to
+    std::string name;
+    std::vector<std::string> arguments;
+};
+
+// Whether the language has a function of this name.
+bool IsPolicyFunction(const char *name);
+
+// Call it. true with a new *ret_value; false, with one error line that says why.
+bool CallPolicyFunction(const FunctionCall &call, Rval *ret_value);
+
+}  // namespace veltrane
+
+#endif

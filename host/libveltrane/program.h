@@ -1,0 +1,31 @@
+// What every program of the host does first: choose its work directory, its log level, its port.
+//
+// The order matters. The work directory is settled before anything opens a database or the enterprise plug-in, and
+// FIPS_MODE before the plug-in is first called.
+#ifndef HOST_LIBVELTRANE_PROGRAM_H
+#define HOST_LIBVELTRANE_PROGRAM_H
+
+#include <string>
+
+#include <veltrane/logging.h>
+
+namespace veltrane {
+
+// What the options of a command line ask for; the texts may be empty.
+struct ProgramOptions {
+    std::string workdir;                // "" = environment VELTRANE_WORKDIR, else /var/veltrane
+    std::string port;                   // "" = 6127; else a number from 1 to 65535
+    LogLevel level = LOG_LEVEL_NOTICE;  // the graver levels and this one reach stderr
+    bool fips = false;                  // run in FIPS mode
+};
+
+// Start a program: log level, FIPS_MODE, SIGPIPE ignored, rand seeded from the kernel, VTSTARTTIME, the work directory
+// with all it holds, VELTRANE_PORT_STR. Once, in main, before anything else of this library.
+//
+// Result  false, with one error line that says why, when the port is none or the work directory cannot be made or could
+//         have been written by another user (it, or a directory above it that lets others swap it).
+[[nodiscard]] bool StartProgram(const ProgramOptions &options);
+
+}  // namespace veltrane
+
+#endif

@@ -1,0 +1,291 @@
+// The host's side of the frame: the plug-in answers when the call got through, the host's own default when it did not.
+//
+// A process opens its plug-in once, so every test has a process of its own, and this one never makes a framed call.
+#include <sys/stat.h>
+
+#include <atomic>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <openssl/evp.h>
+
+#include <veltrane/class.h>
+#include <veltrane/entry_points.h>
+#include <veltrane/extension.h>
+#include <veltrane/generic_agent.h>
+#include <veltrane/owned.h>
+
+#include "support/child.h"
+#include "support/log_capture.h"
+#include "support/work_dir.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using veltrane::ClassTableIteratorPtr;
+using veltrane::EvalContextPtr;
+using veltrane::TextPtr;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class EntryPoints : public testing::Test {
+  protected:
+    void Install(const std::string &fake) const
+    {
+        const fs::path library = work_.path / "lib" / "veltrane-enterprise.so";
+        fs::copy_file(fs::path(VT_TEST_BUILD_DIR) / "tests" / "plugins" / (fake + ".so"), library);
+        fs::permissions(library, fs::perms(0755));
+    }
+
+    // A variable that the fake plug-in keeps.
+    template <typename T>
+    static T &Fake(const char *name)
+    {
+        return *static_cast<T *>(shlib_load(enterprise_library(), name));
+    }
+
+    static void ExpectTheDefaultsOfPlainCalls()
+    {
+        char to[8] = "";
+        EXPECT_TRUE(TranslatePath("/bin", to, sizeof(to)));
+        EXPECT_STREQ(to, "/bin");
+        EXPECT_STREQ(GetConsolePrefix(), "veltrane");
+        EXPECT_EQ(VtSessionKeySize('c'), 16);
+        EXPECT_EQ(VtEnterpriseOptions(), 'c');
+        CleanReportBookFilterSet();
+    }
+
+    WorkDirectory work_;
+    LogCapture log_;
+};
+
+using EntryPointDefaults = EntryPoints;
+
+}  // namespace
+
+TEST_F(EntryPoints, AnswersOfThePlugInComeBackUnchanged)
+{
+    Install("fake_good");
+    InChild([&] {
+        char to[16] = "";
+        EXPECT_TRUE(TranslatePath("/bin", to, sizeof(to)));
+        EXPECT_STREQ(to, "</bin>");
+        EXPECT_STREQ(GetConsolePrefix(), "fake");
+        EXPECT_EQ(VtSessionKeySize('N'), 1000 + 'N');
+        EXPECT_EQ(VtEnterpriseOptions(), 'F');
+        EXPECT_EQ(VeltraneCipher('c'), nullptr);  // a zero answer is an answer
+        EXPECT_EQ(GetBestFileChangeHashMethod(), HASH_METHOD_MD5);
+        EXPECT_FALSE(ReturnQueryData(nullptr, nullptr, 0));
+        EXPECT_EQ(Fake<std::atomic<int>>("fake_calls"), 7);
+        EXPECT_THAT(log_.lines, IsEmpty());
+    });
+}
+
+TEST_F(EntryPoints, AStructPassedByValueArrivesWhole)
+{
+    Install("fake_good");
+    InChild([&] {
+        Vesk_NoteAgentExecutionPerformance("promises.vt", {1234567890123, 987654321});
+        EXPECT_EQ(Fake<struct timespec>("fake_start").tv_sec, 1234567890123);
+        EXPECT_EQ(Fake<struct timespec>("fake_start").tv_nsec, 987654321);
+    });
+}
+
+TEST_F(EntryPoints, EveryEntryPointOfTheTableReachesThePlugIn)
+{
+    Install("fake_good");
+    InChild([&] {
+        int names = 0;
+#define VT_ENTRY(R, returns, Name, parameters, arguments) \
+    names++;                                              \
+    EXPECT_NE(shlib_load(enterprise_library(), #Name "__wrapper"), nullptr);
+#include <veltrane/entry_points.def>
+
+        const EvalContextPtr ctx(EvalContextNew());
+        const GenericAgentConfig config = {};
+        const veltrane::WriterPtr w(StringWriter());
+        HashMethod digest = HASH_METHOD_NONE;
+        int digest_len = -1;
+        Vesk_TrackExecution("promises.vt");
+        GenerateReports(&config, ctx.get());
+        KeepReportDataSelectAccessPromise(nullptr);
+        CleanReportBookFilterSet();
+        Vesk_Initialize(ctx.get());
+        GenericAgentSetDefaultDigest(&digest, &digest_len);
+        GenericAgentAddEditionClasses(ctx.get());
+        GenericAgentWriteVersion(w.get());
+        EnterpriseContext(ctx.get());
+
+        EXPECT_GE(names, 17);
+        EXPECT_EQ(Fake<std::atomic<int>>("fake_calls"), 9);
+        EXPECT_EQ(digest_len, -1);  // the fake does nothing, and no default stepped in
+        EXPECT_EQ(StringWriterLength(w.get()), 0u);
+    });
+}
+
+TEST_F(EntryPoints, WithoutAPlugInTheDefaultsAnswer)
+{
+    InChild([&] {
+        ExpectTheDefaultsOfPlainCalls();
+        EXPECT_THAT(log_.lines,
+                    ElementsAre(Pair(LOG_LEVEL_VERBOSE, "Extension library '" + work_.path.string() +
+                                                            "/lib/veltrane-enterprise.so' is not installed")));
+    });
+}
+
+TEST_F(EntryPoints, WithARefusedPlugInTheDefaultsAnswer)
+{
+    Install("fake_other_version");
+    InChild([&] {
+        ExpectTheDefaultsOfPlainCalls();
+        EXPECT_THAT(log_.lines, ElementsAre(Pair(LOG_LEVEL_ERR, testing::HasSubstr("its version is '3.26.1'"))));
+    });
+}
+
+TEST_F(EntryPoints, WithoutTheSymbolTheDefaultsAnswer)
+{
+    Install("fake_without_entry_points");
+    InChild([&] {
+        ExpectTheDefaultsOfPlainCalls();
+        ExpectTheDefaultsOfPlainCalls();
+        EXPECT_NE(enterprise_library(), nullptr);
+        EXPECT_THAT(log_.lines, IsEmpty());
+    });
+}
+
+TEST_F(EntryPoints, WhenTheFlagStaysUnsetTheDefaultsAnswerWithTheSameArguments)
+{
+    Install("fake_other_canary");
+    InChild([&] {
+        ExpectTheDefaultsOfPlainCalls();
+        EXPECT_EQ(Fake<std::atomic<int>>("fake_calls"), 5);  // the plug-in was asked each time
+    });
+}
+
+TEST_F(EntryPoints, ThreadsMayMakeTheFirstCallAtOnce)
+{
+    Install("fake_good");
+    InChild([] {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 8; t++) {
+            threads.emplace_back([] {
+                for (int i = 0; i < 100; i++) { EXPECT_EQ(VtEnterpriseOptions(), 'F'); }
+            });
+        }
+        for (std::thread &thread : threads) { thread.join(); }
+    });
+}
+
+TEST_F(EntryPoints, TheWorkDirectoryOfTheFirstCallCounts)
+{
+    Install("fake_good");
+    TemporaryDirectory empty;
+    InChild([&] {
+        EXPECT_STREQ(GetConsolePrefix(), "fake");
+        SetWorkDir(empty.path.c_str());
+        EXPECT_STREQ(GetConsolePrefix(), "fake");
+    });
+}
+
+TEST_F(EntryPointDefaults, MostDoNothing)
+{
+    InChild([&] {
+        const EvalContextPtr ctx(EvalContextNew());
+        const GenericAgentConfig config = {};
+        Vesk_TrackExecution("promises.vt");
+        GenerateReports(&config, ctx.get());
+        Vesk_NoteAgentExecutionPerformance("promises.vt", {});
+        KeepReportDataSelectAccessPromise(nullptr);
+        CleanReportBookFilterSet();
+        Vesk_Initialize(ctx.get());
+        EnterpriseContext(ctx.get());
+
+        const ClassTableIteratorPtr classes(EvalContextClassTableIteratorNewGlobal(ctx.get(), nullptr, true, true));
+        EXPECT_EQ(ClassTableIteratorNext(classes.get()), nullptr);
+        EXPECT_TRUE(fs::is_empty(work_.State("previous_state")));
+        EXPECT_EQ(log_.UpTo(LOG_LEVEL_INFO).size(), 0u);
+    });
+}
+
+TEST_F(EntryPointDefaults, AReportQueryIsNotAnswered)
+{
+    InChild([] {
+        char menu[] = "delta 0 0";
+        EXPECT_FALSE(ReturnQueryData(nullptr, menu, 0));
+    });
+}
+
+TEST_F(EntryPointDefaults, TheConsolePrefixIsTheProducts)
+{
+    InChild([] { EXPECT_STREQ(GetConsolePrefix(), "veltrane"); });
+}
+
+TEST_F(EntryPointDefaults, APathIsCopiedAsItIsWhenItFits)
+{
+    InChild([&] {
+        char to[6] = "";
+        EXPECT_TRUE(TranslatePath("/path", to, sizeof(to)));
+        EXPECT_STREQ(to, "/path");
+        EXPECT_FALSE(TranslatePath("/paths", to, sizeof(to)));
+        EXPECT_STREQ(to, "/path");
+        EXPECT_FALSE(TranslatePath("", to, 0));
+        EXPECT_EQ(log_.UpTo(LOG_LEVEL_INFO).size(), 0u);
+    });
+}
+
+TEST_F(EntryPointDefaults, TheCipherIsBlowfishWithSixteenBytesOfKey)
+{
+    InChild([] {
+        EXPECT_EQ(VeltraneCipher('c'), EVP_bf_cbc());
+        EXPECT_EQ(VeltraneCipher('N'), EVP_bf_cbc());
+        EXPECT_EQ(VtSessionKeySize('c'), 16);
+        EXPECT_EQ(VtSessionKeySize('N'), 16);
+        EXPECT_EQ(VtEnterpriseOptions(), 'c');
+    });
+}
+
+TEST_F(EntryPointDefaults, TheDigestsAreSha256)
+{
+    InChild([] {
+        HashMethod digest = HASH_METHOD_NONE;
+        int digest_len = 0;
+        GenericAgentSetDefaultDigest(&digest, &digest_len);
+        EXPECT_EQ(digest, HASH_METHOD_SHA256);
+        EXPECT_EQ(digest_len, 32);
+        EXPECT_EQ(GetBestFileChangeHashMethod(), HASH_METHOD_SHA256);
+    });
+}
+
+TEST_F(EntryPointDefaults, TheEditionClassIsCoreEdition)
+{
+    InChild([] {
+        const EvalContextPtr ctx(EvalContextNew());
+        GenericAgentAddEditionClasses(ctx.get());
+
+        const ClassTableIteratorPtr classes(EvalContextClassTableIteratorNewGlobal(ctx.get(), nullptr, true, true));
+        const Class *const edition = ClassTableIteratorNext(classes.get());
+        ASSERT_NE(edition, nullptr);
+        EXPECT_STREQ(edition->name, "core_edition");
+        EXPECT_FALSE(edition->is_soft);
+        const veltrane::BufferPtr tags(StringSetToBuffer(edition->tags, ','));
+        EXPECT_STREQ(BufferData(tags.get()), "inventory,attribute_name=none,source=agent");
+        EXPECT_EQ(ClassTableIteratorNext(classes.get()), nullptr);
+    });
+}
+
+TEST_F(EntryPointDefaults, TheVersionIsWrittenOnALine)
+{
+    InChild([] {
+        Writer *const w = StringWriter();
+        GenericAgentWriteVersion(w);
+        const TextPtr text(StringWriterClose(w));
+        EXPECT_STREQ(text.get(), "Veltrane Core 3.27.0\n");
+    });
+}

@@ -1,0 +1,148 @@
+// Tests of the functions that a value of the policy may call.
+#include "libveltrane/policy_functions.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <veltrane/owned.h>
+
+#include "support/log_capture.h"
+#include "support/work_dir.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+namespace {
+
+class PolicyFunctions : public testing::Test {
+  protected:
+    // The result, or "failed".
+    std::string Call(const char *name, std::vector<std::string> arguments)
+    {
+        Rval value{nullptr, RVAL_TYPE_NONE};
+        if (!veltrane::CallPolicyFunction({ctx.get(), nullptr, name, std::move(arguments)}, &value)) {
+            EXPECT_EQ(value.type, RVAL_TYPE_NONE);
+            return "failed";
+        }
+        EXPECT_EQ(value.type, RVAL_TYPE_SCALAR);
+        const veltrane::TextPtr text(static_cast<char *>(value.item));
+        return text.get();
+    }
+
+    // What the one error line of a call that fails says.
+    std::string Complaint(const char *name, std::vector<std::string> arguments)
+    {
+        log.lines.clear();
+        EXPECT_EQ(Call(name, std::move(arguments)), "failed");
+        EXPECT_EQ(log.lines.size(), 1u);
+        EXPECT_EQ(log.lines.at(0).first, LOG_LEVEL_ERR);
+        return log.lines.at(0).second;
+    }
+
+    veltrane::EvalContextPtr ctx{EvalContextNew()};
+    TemporaryDirectory directory;
+    LogCapture log;
+};
+
+}  // namespace
+
+TEST_F(PolicyFunctions, AreKnownByName)
+{
+    for (const char *name : {"execresult", "readfile", "canonify", "classmatch", "ldapvalue", "ldaplist", "ldaparray",
+                             "regldap", "remotescalar", "hostswithclass"}) {
+        EXPECT_TRUE(veltrane::IsPolicyFunction(name)) << name;
+    }
+    for (const char *name : {"", "exec", "ReadFile", "string"}) { EXPECT_FALSE(veltrane::IsPolicyFunction(name)); }
+}
+
+TEST_F(PolicyFunctions, OfTheDirectoryAndOfOtherHostsAreNotAvailable)
+{
+    for (const char *name : {"ldapvalue", "ldaplist", "ldaparray", "regldap", "remotescalar", "hostswithclass"}) {
+        EXPECT_EQ(Complaint(name, {"a", "b"}), "Function '" + std::string(name) + "' is not available");
+    }
+}
+
+TEST_F(PolicyFunctions, RefuseAWrongNumberOfArguments)
+{
+    EXPECT_EQ(Complaint("canonify", {}), "Function 'canonify' failed: it does not take 0 arguments");
+    EXPECT_EQ(Complaint("canonify", {"a", "b"}), "Function 'canonify' failed: it does not take 2 arguments");
+    EXPECT_EQ(Complaint("execresult", {"true"}), "Function 'execresult' failed: it does not take 1 arguments");
+}
+
+TEST_F(PolicyFunctions, ExecresultGivesWhatACommandPrints)
+{
+    EXPECT_EQ(Call("execresult", {"printf 'a b\\n\\nc\\n\\n\\n'", "useshell"}), "a b\n\nc");
+    EXPECT_EQ(Call("execresult", {"true", "noshell"}), "");
+    EXPECT_THAT(log.lines, IsEmpty());
+}
+
+TEST_F(PolicyFunctions, ExecresultWithoutAShellInterpretsNothing)
+{
+    EXPECT_EQ(Call("execresult", {"echo \"$HOME\" ; * 'a  b'", "noshell"}), "$HOME ; * a  b");
+}
+
+TEST_F(PolicyFunctions, ExecresultFailsWithItsCommand)
+{
+    EXPECT_EQ(Complaint("execresult", {"echo x; exit 2", "useshell"}),
+              "Function 'execresult' failed: 'echo x; exit 2': exit status 2");
+    EXPECT_EQ(Complaint("execresult", {"/nonexistent/x", "noshell"}),
+              "Function 'execresult' failed: '/nonexistent/x': could not be started: No such file or directory");
+    EXPECT_EQ(Complaint("execresult", {"", "noshell"}),
+              "Function 'execresult' failed: '': could not be started: Invalid argument");
+    EXPECT_EQ(Complaint("execresult", {"echo 'x", "noshell"}),
+              "Function 'execresult' failed: a quote stays open in 'echo 'x'");
+    EXPECT_EQ(Complaint("execresult", {"echo x", "maybe"}),
+              "Function 'execresult' failed: 'maybe' is neither noshell nor useshell");
+}
+
+TEST_F(PolicyFunctions, ExecresultRefusesWhatNoVariableCanHold)
+{
+    EXPECT_EQ(Complaint("execresult", {"printf 'a\\000b'", "useshell"}),
+              "Function 'execresult' failed: 'printf 'a\\000b'' printed what no variable can hold");
+    EXPECT_EQ(
+        Complaint("execresult", {"head -c 1048577 /dev/zero | tr '\\0' x", "useshell"}),
+        "Function 'execresult' failed: 'head -c 1048577 /dev/zero | tr '\\0' x' printed what no variable can hold");
+}
+
+TEST_F(PolicyFunctions, ReadfileGivesAFileAsItIs)
+{
+    const std::string path = directory.path / "file";
+    WriteFile(path, "one\ntwo\n");
+
+    EXPECT_EQ(Call("readfile", {path}), "one\ntwo\n");
+    EXPECT_EQ(Call("readfile", {path, "5"}), "one\nt");
+    EXPECT_EQ(Call("readfile", {path, "0"}), "");
+    EXPECT_EQ(Call("readfile", {path, "1048576"}), "one\ntwo\n");
+}
+
+TEST_F(PolicyFunctions, ReadfileSaysWhyItCannotRead)
+{
+    const std::string path = directory.path / "file";
+    EXPECT_EQ(Complaint("readfile", {path}), "Function 'readfile' failed: '" + path + "': No such file or directory");
+    WriteFile(path, std::string("a\0b", 3));
+    EXPECT_EQ(Complaint("readfile", {path}),
+              "Function 'readfile' failed: '" + path + "' is no text: it holds a zero byte");
+    for (const char *size : {"-1", "x", "", "1048577", "99999999999999999999"}) {
+        EXPECT_EQ(Complaint("readfile", {path, size}),
+                  "Function 'readfile' failed: '" + std::string(size) + "' is no number of bytes up to 1048576");
+    }
+}
+
+TEST_F(PolicyFunctions, CanonifyMakesTheNameOfAClass)
+{
+    EXPECT_EQ(Call("canonify", {"web-1.example.org"}), "web_1_example_org");
+    EXPECT_EQ(Call("canonify", {""}), "");
+    EXPECT_EQ(Call("canonify", {std::string(5000, '-')}), std::string(5000, '_'));
+}
+
+TEST_F(PolicyFunctions, ClassmatchLooksForAWholeName)
+{
+    EvalContextClassPutHard(ctx.get(), "debian_12", nullptr);
+    EvalContextClassPutSoft(ctx.get(), "site:web", nullptr);
+
+    EXPECT_EQ(Call("classmatch", {"debian_.*"}), "any");
+    EXPECT_EQ(Call("classmatch", {"debian"}), "!any");
+    EXPECT_EQ(Call("classmatch", {"site:w.b"}), "any");
+    EXPECT_EQ(Call("classmatch", {"nothing"}), "!any");
+}

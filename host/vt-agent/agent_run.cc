@@ -1,0 +1,187 @@
+// One run of the agent.
+//
+// The order is fixed: start, lock, plug-in, then each policy for itself: context, bundles, reports. The context is
+// whole until the reports of its policy are written.
+#include "vt-agent/agent_run.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <veltrane/entry_points.h>
+#include <veltrane/errors.h>
+#include <veltrane/eval_context.h>
+#include <veltrane/file_lib.h>
+#include <veltrane/generic_agent.h>
+#include <veltrane/globals.h>
+#include <veltrane/known_dirs.h>
+#include <veltrane/measure.h>
+#include <veltrane/owned.h>
+#include <veltrane/string_lib.h>
+
+#include "libveltrane/evaluator.h"
+#include "libveltrane/policy_control.h"
+#include "libveltrane/promise_attributes.h"
+#include "libveltrane/safe_path.h"
+#include "vt-agent/commands.h"
+#include "vt-agent/reports.h"
+
+namespace veltrane {
+
+namespace {
+
+constexpr int kRan = 0;
+constexpr int kTrouble = 1;
+
+// The kernel lock of the one agent that may work in this directory; it goes with the process.
+bool LockAgent()
+{
+    const std::string path = std::string(GetStateDir()) + "/locks/agent.lock";
+    const int fd = safe_open(path.c_str(), O_RDWR | O_CREAT);
+    if (fd < 0) {
+        Log(LOG_LEVEL_ERR, "Could not open '%s'. (open: %s)", path.c_str(), GetErrorStr());
+        return false;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        Log(LOG_LEVEL_NOTICE, "Another agent is running in this work directory");
+        close(fd);
+        return false;
+    }
+    return true;  // fd stays open to the end
+}
+
+std::string InputPath(const std::string &file)
+{
+    const bool as_it_stands = file[0] == '/' || StringStartsWith(file.c_str(), "./");
+    return as_it_stands ? file : std::string(GetInputDir()) + "/" + file;
+}
+
+bool IsThere(const std::string &path)
+{
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0;
+}
+
+// A new policy, or nullptr with an error line. Every file that holds a bundle of it must be ours alone to write.
+PolicyPtr ReadPolicy(const std::string &path)
+{
+    std::string unsafe = WhyUnsafe(path);
+    char *error = nullptr;
+    PolicyPtr policy(unsafe.empty() ? PolicyParseFile(path.c_str(), &error) : nullptr);
+    const TextPtr owner(error);
+    for (size_t i = 0; policy != nullptr && unsafe.empty() && i < SeqLength(policy->bundles); ++i) {
+        const char *source = static_cast<const Bundle *>(SeqAt(policy->bundles, i))->source_path;
+        unsafe = source != nullptr ? WhyUnsafe(source) : "";
+    }
+    if (!unsafe.empty()) {
+        Log(LOG_LEVEL_ERR, "The policy '%s' is refused: %s", path.c_str(), unsafe.c_str());
+        return nullptr;
+    }
+    if (policy == nullptr) {
+        Log(LOG_LEVEL_ERR, "%s", error);
+    }
+    return policy;
+}
+
+// A promise type of the language that this agent has no means to keep: said, so that nobody takes it for kept.
+PromiseResult CannotKeep(EvalContext *ctx, const Promise *expanded)
+{
+    const Attributes attr = CommonAttributes(expanded);
+    RecordFailure(ctx, expanded, &attr, "Promise '%s' of type '%s': this agent does not keep this type",
+                  expanded->promiser, expanded->parent_section->promise_type);
+    return PROMISE_RESULT_FAIL;
+}
+
+Evaluation AgentEvaluation()
+{
+    Evaluation evaluation;
+    evaluation.actuators["commands"] = KeepCommandsPromise;
+    evaluation.actuators["reports"] = KeepReportsPromise;
+    for (const char *type : {"files", "packages", "processes"}) { evaluation.actuators[type] = CannotKeep; }
+    return evaluation;
+}
+
+// Evaluate one policy and report it; false when it cannot be read or has no main bundle.
+bool RunPolicy(const AgentOptions &options, const std::string &path)
+{
+    const struct timespec start = BeginMeasure();
+    Log(LOG_LEVEL_VERBOSE, "Policy '%s'", path.c_str());
+    const PolicyPtr policy = ReadPolicy(path);
+    if (policy == nullptr) {
+        return false;
+    }
+    const bool log_classes =
+        options.log_classes || StringEqual(PolicyControlScalar(policy.get(), "agent", "report_class_log"), "true");
+    PR_KEPT = PR_REPAIRED = PR_NOTKEPT = 0;
+
+    const EvalContextPtr ctx(EvalContextNew());
+    EvalContextClassHistoryEnable(ctx.get(), log_classes);
+    SetUpContext(ctx.get(), policy.get());
+    for (const std::string &name : options.define) {
+        EvalContextClassPutSoft(ctx.get(), name.c_str(), "source=command_line");
+    }
+    if (!EvaluateBundles(ctx.get(), policy.get(), "agent", AgentEvaluation())) {
+        return false;
+    }
+    Log(LOG_LEVEL_VERBOSE, "Promise iterations of '%s': %d kept, %d repaired, %d not kept", path.c_str(), PR_KEPT,
+        PR_REPAIRED, PR_NOTKEPT);
+
+    std::string input_file = path;
+    GenericAgentConfig config{};
+    config.input_file = input_file.data();
+    config.agent_specific.report_class_log = log_classes;
+    Vesk_NoteAgentExecutionPerformance(config.input_file, start);
+    Vesk_TrackExecution(config.input_file);
+    GenerateReports(&config, ctx.get());
+    return true;
+}
+
+// Without a policy of the user's choice, each file has its role.
+bool RunRoles(const AgentOptions &options)
+{
+    const std::string update = InputPath("update.vt");
+    const std::string failsafe = InputPath("failsafe.vt");
+    const bool updated = !IsThere(update) || RunPolicy(options, update);
+    const bool ran = RunPolicy(options, InputPath("promises.vt"));
+    if (!ran && IsThere(failsafe)) {
+        Log(LOG_LEVEL_NOTICE, "The main policy cannot be run: running '%s'", failsafe.c_str());
+        RunPolicy(options, failsafe);
+    }
+    return updated && ran;
+}
+
+int ShowVersion(const ProgramOptions &program)
+{
+    if (!program.workdir.empty()) {
+        SetWorkDir(program.workdir.c_str());  // where the plug-in is looked for
+    }
+    Writer *const writer = StringWriter();
+    GenericAgentWriteVersion(writer);
+    const TextPtr text(StringWriterClose(writer));
+    return fputs(text.get(), stdout) >= 0 && fflush(stdout) == 0 ? kRan : kTrouble;
+}
+
+}  // namespace
+
+int RunAgent(const AgentOptions &options)
+{
+    if (options.show_version) {
+        return ShowVersion(options.program);
+    }
+    if (!StartProgram(options.program) || !LockAgent()) {
+        return kTrouble;
+    }
+    {
+        const EvalContextPtr ctx(EvalContextNew());
+        Vesk_Initialize(ctx.get());
+    }
+    const bool ran = options.file.empty() ? RunRoles(options) : RunPolicy(options, InputPath(options.file));
+    return ran ? kRan : kTrouble;
+}
+
+}  // namespace veltrane

@@ -1,0 +1,202 @@
+// vt-hub: asks hosts for their reports and shows what they sent.
+#include <CLI/CLI.hpp>
+
+#include <unistd.h>
+#include <iostream>
+#include <string>
+
+#include <veltrane/entry_points.h>
+#include <veltrane/extension.h>
+#include <veltrane/globals.h>
+#include <veltrane/net.h>
+#include <veltrane/owned.h>
+
+#include "libveltrane/program.h"
+#include "libveltrane/trust_commands.h"
+#include "vt-hub/query.h"
+#include "vt-hub/report_reader.h"
+#include "vt-hub/report_view.h"
+#include "vt-hub/stream_file.h"
+
+namespace {
+
+constexpr int kFailure = 1;
+constexpr int kWrongUsage = 2;
+
+struct Arguments {
+    veltrane::ProgramOptions program;
+    int loudness = 0;  // how many steps above the usual log level
+    vthub::Query query;
+    std::string target;  // HOST[:PORT]
+    bool raw = false;
+    bool wide = false;
+    std::string file;
+    std::string show_type = "delta";
+    std::string trust_file;
+    std::string trust_identity;
+};
+
+int Show(const Arguments &arguments, const std::string &identity, const std::string &type,
+         const std::vector<std::string> &lines)
+{
+    if (arguments.raw) {
+        vthub::PrintStream(std::cout, lines, isatty(STDOUT_FILENO) != 0);
+        return std::cout.flush() ? 0 : kFailure;
+    }
+    vthub::ReportReader reader;
+    if (!vthub::LoadReportReader(&reader)) {
+        return kFailure;
+    }
+    const vthub::ReportPtr report = vthub::ReadReport(reader, identity, type, lines);
+    if (report == nullptr) {
+        return kFailure;
+    }
+    vthub::PrintReport(std::cout, reader, report.get(), arguments.wide);
+    return std::cout.flush() ? 0 : kFailure;
+}
+
+int Collect(Arguments &arguments)
+{
+    char *host = nullptr;
+    char *port = nullptr;
+    ParseHostPort(arguments.target.data(), &host, &port);
+    if (host == nullptr || *host == '\0') {
+        std::cerr << "vt-hub: no host in '" << arguments.target << "'\n";
+        return kWrongUsage;
+    }
+    arguments.query.host = host;
+    arguments.query.port = port != nullptr ? port : "";
+    arguments.query.timeout_seconds = static_cast<unsigned>(CONNTIMEOUT);
+    vtnet_Init();
+    if (!vtnet_IsInitialized()) {
+        return kFailure;
+    }
+    const std::optional<vthub::Reply> reply = vthub::AskHost(arguments.query);
+    const int status = reply ? Show(arguments, reply->identity, arguments.query.type, reply->lines) : kFailure;
+    vtnet_Shut();
+    return status;
+}
+
+int ShowFile(const Arguments &arguments)
+{
+    const std::optional<std::vector<std::string>> lines = vthub::ReadStreamFile(arguments.file);
+    return lines ? Show(arguments, "(" + arguments.file + ")", arguments.show_type, *lines) : kFailure;
+}
+
+int PrintVersion()
+{
+    const veltrane::WriterPtr writer(StringWriter());
+    GenericAgentWriteVersion(writer.get());
+    std::cout << StringWriterData(writer.get());
+    return 0;
+}
+
+LogLevel LevelFor(int loudness)
+{
+    return loudness <= 0   ? LOG_LEVEL_NOTICE
+           : loudness == 1 ? LOG_LEVEL_INFO
+           : loudness == 2 ? LOG_LEVEL_VERBOSE
+                           : LOG_LEVEL_DEBUG;
+}
+
+void DescribeCollect(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *collect = app.add_subcommand("collect", "Ask a host for its reports and show them");
+    collect->add_option("HOST[:PORT]", arguments.target, "The host to ask")->required();
+    collect
+        ->add_option("--type", arguments.query.type,
+                     "delta: what changed; rebase: the whole state, after which the host forgets its change history")
+        ->required()
+        ->check(CLI::IsMember({"delta", "rebase"}));
+    collect->add_option("--since", arguments.query.since, "Start of the wanted period, seconds since the epoch")
+        ->check(CLI::NonNegativeNumber);
+    collect->add_option("--key", arguments.query.key, "Accept only the host with this key (SHA=...)");
+    collect->add_flag("--raw", arguments.raw, "Print the stream itself, a line each");
+    collect->add_flag("--wide", arguments.wide, "Never cut a cell of a table");
+}
+
+void DescribeShow(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *show = app.add_subcommand("show", "Show a report stream kept in a file");
+    show->add_option("FILE", arguments.file, "What 'collect --raw' or a host's report dump wrote; - for standard input")
+        ->required();
+    show->add_option("--type", arguments.show_type, "What was asked for: in a rebase an absent state is an empty one")
+        ->check(CLI::IsMember({"delta", "rebase"}));
+    show->add_flag("--raw", arguments.raw, "Print the stream itself, a line each");
+    show->add_flag("--wide", arguments.wide, "Never cut a cell of a table");
+}
+
+void DescribeTrust(CLI::App &app, Arguments &arguments)
+{
+    app.add_subcommand("key", "Print this hub's key and where its public part lies");
+    CLI::App *trust = app.add_subcommand("trust", "The keys that this hub trusts");
+    trust->require_subcommand(1);
+    CLI::App *add = trust->add_subcommand("add", "Trust a host's public key");
+    add->add_option("KEYFILE", arguments.trust_file, "The host's keys/host.pub")->required();
+    add->add_option("IDENTITY", arguments.trust_identity, "The SHA=... that the file must hold");
+    CLI::App *remove = trust->add_subcommand("remove", "Trust a key no longer");
+    remove->add_option("IDENTITY", arguments.trust_identity, "The key, SHA=...")->required();
+    trust->add_subcommand("list", "List the trusted keys");
+}
+
+int Run(CLI::App &app, Arguments &arguments)
+{
+    if (app.got_subcommand("collect")) {
+        return Collect(arguments);
+    }
+    if (app.got_subcommand("show")) {
+        return ShowFile(arguments);
+    }
+    if (app.got_subcommand("key")) {
+        return veltrane::KeyCommand();
+    }
+    const CLI::App *trust = app.get_subcommand("trust");
+    if (trust->got_subcommand("add")) {
+        return veltrane::TrustAddCommand(arguments.trust_file, arguments.trust_identity);
+    }
+    if (trust->got_subcommand("remove")) {
+        return veltrane::TrustRemoveCommand(arguments.trust_identity);
+    }
+    return veltrane::TrustListCommand();
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    Arguments arguments;
+    bool version = false;
+    CLI::App app("Collects the reports of hosts and shows them.", "vt-hub");
+    app.require_subcommand(0, 1);
+    app.fallthrough();
+    app.add_option("--workdir", arguments.program.workdir, "Work directory")->envname("VELTRANE_WORKDIR");
+    app.add_flag(
+        "-I,--inform", [&](std::int64_t) { arguments.loudness = std::max(arguments.loudness, 1); }, "Log more");
+    app.add_flag(
+        "-v,--verbose", [&](std::int64_t) { arguments.loudness = std::max(arguments.loudness, 2); }, "Log much");
+    app.add_flag(
+        "-d,--debug", [&](std::int64_t) { arguments.loudness = 3; }, "Log everything");
+    app.add_flag("--fips", arguments.program.fips, "Run in FIPS mode");
+    app.add_flag("-V,--version", version, "Print the versions and leave");
+    DescribeCollect(app, arguments);
+    DescribeShow(app, arguments);
+    DescribeTrust(app, arguments);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : kWrongUsage;
+    }
+    arguments.program.level = LevelFor(arguments.loudness);
+    if (!veltrane::StartProgram(arguments.program)) {
+        return kFailure;
+    }
+    Vesk_Initialize(nullptr);
+    if (version) {
+        return PrintVersion();
+    }
+    if (app.get_subcommands().empty()) {
+        std::cerr << app.help();
+        return kWrongUsage;
+    }
+    return Run(app, arguments);
+}

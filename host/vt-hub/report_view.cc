@@ -1,0 +1,184 @@
+#include "vt-hub/report_view.h"
+
+#include <ctime>
+#include <functional>
+#include <map>
+
+#include <veltrane/csv.h>
+#include <veltrane/owned.h>
+#include <veltrane/seq.h>
+#include <veltrane/string_lib.h>
+
+#include "vt-hub/table.h"
+
+namespace vthub {
+
+namespace {
+
+constexpr std::size_t kCellWidth = 72;
+
+// How the fields of a chapter's lines are shown: a heading and, where a field is a number with a meaning, its words.
+struct Column {
+    const char *heading;
+    std::function<std::string(const ReportReader &, const std::string &)> words;
+};
+
+struct ChapterShape {
+    const char *title;
+    std::vector<Column> columns;
+};
+
+std::string AsTime(const ReportReader &, const std::string &field)
+{
+    long seconds = 0;
+    std::tm local{};
+    char text[32];
+    if (StringToLong(field.c_str(), &seconds) != 0) {
+        return field;
+    }
+    const std::time_t time = seconds;
+    if (localtime_r(&time, &local) == nullptr || std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local) == 0) {
+        return field;
+    }
+    return text;
+}
+
+int AsNumber(const std::string &field)
+{
+    const long number = StringToLongDefaultOnError(field.c_str(), -1);
+    return number < 0 || number > 1000 ? -1 : static_cast<int>(number);
+}
+
+std::string AsKind(const ReportReader &reader, const std::string &field)
+{
+    return reader.diff_type_to_string(static_cast<DiffType>(AsNumber(field)));
+}
+
+std::string AsDirection(const ReportReader &reader, const std::string &field)
+{
+    return reader.direction_to_string(static_cast<LastSeenDirection>(AsNumber(field)));
+}
+
+std::string AsOutcome(const ReportReader &reader, const std::string &field)
+{
+    return reader.promise_state_to_string(static_cast<PromiseState>(AsNumber(field)));
+}
+
+std::string AsOverdue(const ReportReader &, const std::string &field)
+{
+    return field == "t" ? "yes" : field == "f" ? "no" : field;
+}
+
+Column Plain(const char *heading) { return {heading, nullptr}; }
+
+ChapterShape DiffShape(const char *title, std::vector<Column> record_columns)
+{
+    ChapterShape shape{title, {{"TIME", AsTime}, {"KIND", AsKind}}};
+    shape.columns.insert(shape.columns.end(), record_columns.begin(), record_columns.end());
+    return shape;
+}
+
+const std::map<CodeBookIndex, ChapterShape> &Shapes()
+{
+    static const std::map<CodeBookIndex, ChapterShape> shapes{
+        {vtr_code_class_diff, DiffShape("classes", {Plain("CLASS"), Plain("TAGS")})},
+        {vtr_code_variable_diff, DiffShape("variables", {Plain("NAMESPACE"), Plain("SCOPE"), Plain("NAME"),
+                                                         Plain("TYPE"), Plain("VALUE"), Plain("TAGS")})},
+        {vtr_code_last_seen_diff,
+         DiffShape(
+             "peers",
+             {{"DIRECTION", AsDirection}, Plain("KEY"), Plain("ADDRESS"), Plain("HOURS AGO"), {"LAST SEEN", AsTime}})},
+        {vtr_code_software_diff, DiffShape("software", {Plain("NAME"), Plain("VERSION"), Plain("ARCHITECTURE")})},
+        {vtr_code_software_patch_diff,
+         DiffShape("patches", {Plain("NAME"), Plain("VERSION"), Plain("ARCHITECTURE"), Plain("STATUS")})},
+        {vtr_code_execution_log_diff, DiffShape("promise outcomes", {Plain("PROMISE"),
+                                                                     Plain("POLICY FILE"),
+                                                                     Plain("RELEASE"),
+                                                                     {"OUTCOME", AsOutcome},
+                                                                     Plain("NAMESPACE"),
+                                                                     Plain("BUNDLE"),
+                                                                     Plain("TYPE"),
+                                                                     Plain("PROMISER"),
+                                                                     Plain("PATH"),
+                                                                     Plain("HANDLE"),
+                                                                     Plain("PROMISEES"),
+                                                                     Plain("MESSAGES"),
+                                                                     Plain("LINE"),
+                                                                     Plain("FILE HASH"),
+                                                                     Plain("TAGS")})},
+        {vtr_code_execution_status,
+         {"agent", {{"OVERDUE", AsOverdue}, Plain("USUAL INTERVAL (S)"), {"LAST RUN", AsTime}}}},
+        {vtr_code_performance,
+         {"performance",
+          {Plain("EVENT"), Plain("DEVIATION (S)"), Plain("AVERAGE (S)"), Plain("LAST (S)"), {"TIME", AsTime}}}},
+    };
+    return shapes;
+}
+
+std::vector<std::string> Cells(const ReportReader &reader, const ChapterShape &shape, const char *line)
+{
+    const veltrane::SeqPtr fields(SeqParseCsvString(line));
+    if (fields == nullptr) {
+        return {line};
+    }
+    std::vector<std::string> cells;
+    for (std::size_t i = 0; i < SeqLength(fields.get()); ++i) {
+        const std::string field = static_cast<const char *>(SeqAt(fields.get(), i));
+        const bool worded = i < shape.columns.size() && shape.columns[i].words != nullptr;
+        cells.push_back(worded ? shape.columns[i].words(reader, field) : field);
+    }
+    return cells;
+}
+
+Table ChapterTable(const ReportReader &reader, const ChapterShape &shape, const Seq *lines)
+{
+    std::vector<std::string> headings;
+    for (const Column &column : shape.columns) { headings.emplace_back(column.heading); }
+    Table table(headings);
+    for (std::size_t i = 0; i < SeqLength(lines); ++i) {
+        table.Add(Cells(reader, shape, static_cast<const char *>(SeqAt(lines, i))));
+    }
+    return table;
+}
+
+void PrintChapter(std::ostream &out, const ReportReader &reader, CodeBookIndex chapter, const Seq *lines, bool wide)
+{
+    const auto known = Shapes().find(chapter);
+    const std::size_t rows = SeqLength(lines);
+    out << '\n'
+        << reader.codebook[chapter] << "  " << (known != Shapes().end() ? known->second.title : "") << ", " << rows
+        << (rows == 1 ? " row\n" : " rows\n");
+    if (rows == 0) {
+        return;
+    }
+    if (known != Shapes().end()) {
+        ChapterTable(reader, known->second, lines).Print(out, wide ? 0 : kCellWidth);
+        return;
+    }
+    for (std::size_t i = 0; i < rows; ++i) {
+        out << "  " << Printable(static_cast<const char *>(SeqAt(lines, i))) << '\n';
+    }
+}
+
+}  // namespace
+
+void PrintReport(std::ostream &out, const ReportReader &reader, const ReportData *report, bool wide)
+{
+    out << "Host " << Printable(report->hostkey) << '\n'
+        << "Up to " << AsTime(reader, std::to_string(report->response_timestamp)) << ", clock error "
+        << report->requested_timestamp << " s\n";
+    for (int chapter = 0; chapter < vtr_code_max; ++chapter) {
+        const auto index = static_cast<CodeBookIndex>(chapter);
+        const Seq *lines = reader.get_chapter(report, index);
+        if (lines != nullptr) {
+            PrintChapter(out, reader, index, lines, wide);
+        }
+    }
+}
+
+void PrintStream(std::ostream &out, const std::vector<std::string> &lines, bool terminal)
+{
+    for (const std::string &line : lines) { out << (terminal ? Printable(line) : line) << '\n'; }
+}
+
+}  // namespace vthub

@@ -1,0 +1,130 @@
+// vt-serverd: the report server daemon of a host. It runs in the foreground.
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <iostream>
+#include <string>
+
+#include <veltrane/entry_points.h>
+#include <veltrane/globals.h>
+#include <veltrane/known_dirs.h>
+#include <veltrane/net.h>
+#include <veltrane/owned.h>
+
+#include "libveltrane/program.h"
+#include "libveltrane/trust_commands.h"
+#include "vt-serverd/server_daemon.h"
+
+namespace {
+
+constexpr int kFailure = 1;
+constexpr int kWrongUsage = 2;
+
+struct Arguments {
+    veltrane::ProgramOptions program;
+    std::string port;  // apart from the program's: "0" means any free one
+    std::string bind_address;
+    std::string policy_file;
+    std::string key_file;
+    std::string identity;
+    bool version = false;
+};
+
+void DescribeOptions(CLI::App &app, Arguments &arguments)
+{
+    app.add_option("--workdir", arguments.program.workdir,
+                   "Work directory (else the environment's VELTRANE_WORKDIR, else /var/veltrane)");
+    app.add_option("--port", arguments.port, "Port to listen on, 0 for any free one (6127)")
+        ->check(CLI::Range(0, 65535));
+    app.add_option("--bind", arguments.bind_address, "Address to listen on (all)");
+    app.add_option("--file", arguments.policy_file, "Policy (inputs/promises.vt in the work directory)");
+    const auto raise = [&arguments](LogLevel level) {
+        return [&arguments, level] { arguments.program.level = std::max(arguments.program.level, level); };
+    };
+    app.add_flag_callback("-I,--inform", raise(LOG_LEVEL_INFO), "Say what is done");
+    app.add_flag_callback("-v,--verbose", raise(LOG_LEVEL_VERBOSE), "Say more");
+    app.add_flag_callback("-d,--debug", raise(LOG_LEVEL_DEBUG), "Say everything");
+    app.add_flag("--fips", arguments.program.fips, "Run in FIPS mode");
+    app.add_flag("-V,--version", arguments.version, "Print the version and end");
+}
+
+void DescribeCommands(CLI::App &app, Arguments &arguments)
+{
+    app.require_subcommand(0, 1);
+    app.fallthrough();  // options may stand before or after the command
+    app.add_subcommand("run", "Serve in the foreground until SIGTERM; SIGHUP reads the policy again (the default)");
+    app.add_subcommand("key", "Print this host's key and where its public part lies");
+    CLI::App *trust = app.add_subcommand("trust", "The keys that may connect");
+    trust->require_subcommand(1);
+    CLI::App *add =
+        trust->add_subcommand("add", "Trust a key: its public key file, or SHA=... of one that was refused");
+    add->add_option("KEY", arguments.key_file, "Public key file (PEM), or SHA=...")->required();
+    add->add_option("IDENTITY", arguments.identity, "The SHA=... that the file must hold");
+    CLI::App *remove = trust->add_subcommand("remove", "Trust a key no longer");
+    remove->add_option("IDENTITY", arguments.identity, "SHA=...")->required();
+    trust->add_subcommand("list", "List the trusted keys beside this host's own");
+}
+
+int PrintVersion()
+{
+    const veltrane::WriterPtr writer(StringWriter());
+    GenericAgentWriteVersion(writer.get());
+    std::cout << StringWriterData(writer.get()) << std::flush;
+    return 0;
+}
+
+int Serve(const Arguments &arguments)
+{
+    vtserverd::DaemonOptions options;
+    options.policy_file =
+        arguments.policy_file.empty() ? std::string(GetInputDir()) + "/promises.vt" : arguments.policy_file;
+    options.bind_address = arguments.bind_address;
+    options.port = arguments.port.empty() ? VELTRANE_PORT_STR : arguments.port;
+    const int status = vtserverd::ServerDaemon(options).Run();
+    vtnet_Shut();
+    return status;
+}
+
+int Trust(const CLI::App &trust, const Arguments &arguments)
+{
+    if (trust.got_subcommand("add")) {
+        return veltrane::TrustAddCommand(arguments.key_file, arguments.identity);
+    }
+    if (trust.got_subcommand("remove")) {
+        return veltrane::TrustRemoveCommand(arguments.identity);
+    }
+    return veltrane::TrustListCommand();
+}
+
+int Run(const CLI::App &app, const Arguments &arguments)
+{
+    if (app.got_subcommand("key")) {
+        return veltrane::KeyCommand();
+    }
+    if (app.got_subcommand("trust")) {
+        return Trust(*app.get_subcommand("trust"), arguments);
+    }
+    return Serve(arguments);
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    Arguments arguments;
+    CLI::App app("Serves this host's reports to the hubs that policy admits.", "vt-serverd");
+    DescribeOptions(app, arguments);
+    DescribeCommands(app, arguments);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : kWrongUsage;
+    }
+    if (!arguments.port.empty() && arguments.port != "0") {
+        arguments.program.port = arguments.port;
+    }
+    if (!veltrane::StartProgram(arguments.program)) {
+        return kFailure;
+    }
+    return arguments.version ? PrintVersion() : Run(app, arguments);
+}

@@ -1,0 +1,177 @@
+#include "vt-serverd/server_daemon.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include <veltrane/errors.h>
+#include <veltrane/logging.h>
+#include <veltrane/net.h>
+
+#include "libveltrane/daemon_signal.h"
+#include "libveltrane/net_address.h"
+#include "vt-serverd/requests.h"
+
+namespace vtserverd {
+
+namespace {
+
+constexpr size_t kListenQueue = 128;
+constexpr std::chrono::seconds kStopPatience{10};  // for answers under way when the daemon is told to end
+constexpr int kPauseMilliseconds = 1000;           // before accepting again when descriptors have run out
+
+}  // namespace
+
+bool RateLimit::Allows()
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (last_.has_value() && now - *last_ < interval_) {
+        return false;
+    }
+    last_ = now;
+    return true;
+}
+
+ServerDaemon::ServerDaemon(DaemonOptions options)
+    : options_(std::move(options)),
+      connections_([this](int fd) { ServeConnection(fd, policy_); }, [] { HandleSignalsForDaemon(0); })
+{
+}
+
+ServerDaemon::~ServerDaemon() { StopListening(); }
+
+int ServerDaemon::Run()
+{
+    if (!Start()) {
+        return 1;
+    }
+    Loop();
+    Log(LOG_LEVEL_INFO, "Stopping");
+    StopListening();
+    connections_.Stop(kStopPatience);
+    return 0;
+}
+
+bool ServerDaemon::Start()
+{
+    if (!veltrane::CatchDaemonSignals()) {
+        Log(LOG_LEVEL_ERR, "Could not catch signals. (sigaction: %s)", GetErrorStr());
+        return false;
+    }
+    if (!policy_.Load(options_.policy_file)) {
+        return false;
+    }
+    vtnet_Init();
+    return vtnet_IsInitialized() && Listen();
+}
+
+bool ServerDaemon::Listen()
+{
+    if (!policy_.Settings().listen) {
+        Log(LOG_LEVEL_NOTICE, "The policy does not let this daemon listen");
+        StopListening();
+        return true;
+    }
+    if (listener_ >= 0) {
+        return true;
+    }
+    listener_ = veltrane::OpenListeningSocket(kListenQueue, options_.bind_address.c_str(), options_.port.c_str());
+    if (listener_ < 0) {
+        Log(LOG_LEVEL_ERR, "Could not listen on '%s' port %s. (bind: %s)", options_.bind_address.c_str(),
+            options_.port.c_str(), GetErrorStr());
+        return false;
+    }
+    std::printf("Listening on %s\n", veltrane::LocalAddressAndPort(listener_).c_str());
+    std::fflush(stdout);
+    return true;
+}
+
+void ServerDaemon::StopListening()
+{
+    if (listener_ >= 0) {
+        close(std::exchange(listener_, -1));
+    }
+}
+
+void ServerDaemon::Loop()
+{
+    while (true) {
+        std::array<pollfd, 2> waiting{pollfd{veltrane::DaemonWakeDescriptor(), POLLIN, 0},
+                                      pollfd{accept_paused_ ? -1 : listener_, POLLIN, 0}};
+        const int ready = poll(waiting.data(), waiting.size(), accept_paused_ ? kPauseMilliseconds : -1);
+        if (ready < 0 && errno != EINTR) {
+            Log(LOG_LEVEL_ERR, "Could not wait for connections. (poll: %s)", GetErrorStr());
+            return;
+        }
+        const veltrane::DaemonRequests requests = veltrane::TakeDaemonRequests();
+        if (requests.stop) {
+            return;
+        }
+        connections_.Join();
+        if (requests.reload) {
+            Reload();
+        }
+        accept_paused_ = false;
+        if (ready > 0 && waiting[1].revents != 0 && listener_ >= 0) {
+            AcceptAll();
+        }
+    }
+}
+
+void ServerDaemon::Reload()
+{
+    if (!policy_.Load(options_.policy_file)) {
+        Log(LOG_LEVEL_ERR, "The policy before stays in force");
+        return;
+    }
+    Log(LOG_LEVEL_NOTICE, "Read the policy '%s' again", options_.policy_file.c_str());
+    (void)Listen();  // has said why not; the next reload tries again
+}
+
+void ServerDaemon::AcceptAll()
+{
+    const size_t max_connections = policy_.Settings().max_connections;
+    // Not without end: a flood of connections must not keep signals from being seen.
+    for (size_t i = 0; i < kListenQueue; ++i) {
+        const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0) {
+            Serve(fd, max_connections);
+            continue;
+        }
+        const bool none_left = errno == EAGAIN || errno == EWOULDBLOCK;
+        if (none_left) {
+            return;
+        }
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            accept_paused_ = true;
+            if (accept_failed_.Allows()) {
+                Log(LOG_LEVEL_ERR, "Could not accept a connection. (accept: %s)", GetErrorStr());
+            }
+            return;
+        }
+        // Anything else is about one connection that went away before it was accepted.
+    }
+}
+
+void ServerDaemon::Serve(int fd, size_t max_connections)
+{
+    connections_.Join();
+    if (connections_.Count() >= max_connections) {
+        if (too_many_.Allows()) {
+            Log(LOG_LEVEL_WARNING, "Closed a connection from %s at once: %zu are open already",
+                veltrane::PeerAddress(fd).c_str(), connections_.Count());
+        }
+        close(fd);
+        return;
+    }
+    if (!connections_.Start(fd) && accept_failed_.Allows()) {
+        Log(LOG_LEVEL_ERR, "Could not serve a connection. (pthread_create: %s)", GetErrorStr());
+    }
+}
+
+}  // namespace vtserverd

@@ -50,8 +50,10 @@ AgentConnectionPtr Connect(const Query &query)
                                                    query.port.empty() ? nullptr : query.port.c_str(), keys.get(),
                                                    query.timeout_seconds, ConnectionFlags{}, &error));
     if (connection == nullptr) {
-        Log(LOG_LEVEL_ERR, "Could not connect to '%s': %s. (connect: %s)", query.host.c_str(), ConnectFailure(error),
-            GetErrorStr());
+        // Only a failed connect has a system error of its own; for the other failures errno tells nothing to people.
+        const std::string system_error = error == -2 ? std::string(" (connect: ") + GetErrorStr() + ")" : "";
+        Log(LOG_LEVEL_ERR, "Could not connect to '%s': %s.%s", query.host.c_str(), ConnectFailure(error),
+            system_error.c_str());
     }
     return connection;
 }

@@ -1,10 +1,15 @@
 // The packers of the six state chapters, and the filtering step before them; datapack_state.h says what they promise.
 #include "libvtenterprise/datapack_state.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <limits>
+#include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <veltrane/alloc.h>
@@ -21,13 +26,17 @@
 
 namespace {
 
+using veltrane::CsvWriterPtr;
 using veltrane::SeqPtr;
+using veltrane::SeqViewPtr;
 using veltrane::StringMapPtr;
 using veltrane::StringSetPtr;
 using veltrane::TextPtr;
+using veltrane::WriterPtr;
 using DiffRowPtr = std::unique_ptr<DiffRow, veltrane::Destroyer<DiffRowDelete>>;
 
 constexpr size_t kPathSize = 4096;
+constexpr size_t kRowTextBytes = 1 << 16;
 constexpr size_t kNoSlot = std::numeric_limits<size_t>::max();
 
 // What one filtering step works on.
@@ -192,11 +201,63 @@ void FilterWithIndex(Seq *rows, const ReportFilter *filter, ReportType type, Pro
     (void)UntrackedIndexPush(path, index.get());  // it has logged; the reply is worth sending all the same
 }
 
-void EmitRows(Seq *reply, const char *header, const Seq *rows, ReportType type, bool old_protocol)
+// Makes the lines of rows. The records of many rows are written into one text and cut out of it: a writer for each row
+// would cost more than what it writes.
+class RowLines {
+  public:
+    RowLines(ReportType type, bool old_protocol)
+        : to_csv_(REPORT_DATA_HANDLES[type].DataToCSV), terminate_(old_protocol)
+    {
+    }
+
+    // As DiffRowToCSV makes the line of a row with this info and record.
+    TextPtr Line(const DiffInfo &info, void *record)
+    {
+        if (csv_ == nullptr || StringWriterLength(text_.get()) >= kRowTextBytes) {
+            csv_.reset();
+            text_.reset(StringWriter());
+            csv_.reset(CsvWriterOpen(text_.get()));
+        }
+        if (first_columns_.empty() || info.time != info_.time || info.type != info_.type) {
+            MakeFirstColumns(info);
+        }
+        const size_t start = StringWriterLength(text_.get());
+        (void)WriterWriteLen(text_.get(), first_columns_.data(), first_columns_.size());
+        to_csv_(record, csv_.get());
+        size_t end = StringWriterLength(text_.get());
+        CsvWriterNewRecord(csv_.get());
+        if (terminate_) {
+            end = StringWriterLength(text_.get());
+        }
+        return TextPtr(xstrndup(StringWriterData(text_.get()) + start, end - start));
+    }
+
+  private:
+    // The columns of an info and the comma after them; rows that follow each other often share it.
+    void MakeFirstColumns(const DiffInfo &info)
+    {
+        const WriterPtr text(StringWriter());
+        const CsvWriterPtr csv(CsvWriterOpenSpecifyTerminate(text.get(), false));
+        DiffInfoToCSV(&info, csv.get());
+        first_columns_.assign(StringWriterData(text.get())).append(1, ',');
+        info_ = info;
+    }
+
+    DataToCSVFn to_csv_;
+    bool terminate_;
+    WriterPtr text_;
+    CsvWriterPtr csv_;  // on text_
+    DiffInfo info_{};
+    std::string first_columns_;  // of info_
+};
+
+// Append the rows' lines. Each row is dropped as soon as its line is there, so that both never stand whole in memory.
+void EmitRows(Seq *reply, const char *header, Seq *rows, ReportType type, bool old_protocol)
 {
+    RowLines lines(type, old_protocol);
     bool header_sent = false;
     for (size_t i = 0; i < SeqLength(rows); ++i) {
-        DiffRow *row = RowAt(rows, i);
+        const DiffRow *row = RowAt(rows, i);
         if (row == nullptr) {
             continue;
         }
@@ -204,9 +265,57 @@ void EmitRows(Seq *reply, const char *header, const Seq *rows, ReportType type, 
             SeqAppend(reply, xstrdup(header));
             header_sent = true;
         }
-        AppendReplyLine(reply, ReportTypeToString(type), TextPtr(DiffRowToCSV(row, type, old_protocol)),
+        const bool is_whole = row->info != nullptr && row->data != nullptr;
+        AppendReplyLine(reply, ReportTypeToString(type), is_whole ? lines.Line(*row->info, row->data) : nullptr,
                         kMaxStateRowLength);
+        SeqSet(rows, i, nullptr);
     }
+}
+
+bool IsEmptyIndex(ReportType type)
+{
+    char path[kPathSize];
+    FormatIndexPath(path, type);
+    struct stat file;
+    return stat(path, &file) != 0 ? errno == ENOENT : file.st_size == 0;
+}
+
+// A base state of which nothing is hidden and nothing was: its records become lines while they are read, and no row of
+// them is ever made. The steps are those of the other way. False: there is no base state.
+bool PackWholeBaseState(Seq *reply, const char *header, const DiffInfo &info, ReportType type, ProtocolVersion version)
+{
+    RowLines lines(type, IsOldProtocol(version));
+    SeqPtr made(SeqNew(0, free));
+    const auto take = [&](void *record) {
+        SeqAppend(made.get(), lines.Line(info, record).release());
+        REPORT_DATA_HANDLES[type].DataDelete(record);
+    };
+    if (!DiffReportVisitBaseState(type, take)) {
+        return false;
+    }
+    const SeqPtr no_rows(SeqNew(0, DiffRowDelete));
+    FilterWithIndex(no_rows.get(), nullptr, type, version);
+    if (SeqLength(made.get()) > 0) {
+        SeqAppend(reply, xstrdup(header));
+    }
+    const SeqViewPtr moved(made.release());
+    for (size_t i = 0; i < SeqLength(moved.get()); ++i) {
+        TextPtr line(static_cast<char *>(SeqAt(moved.get(), i)));
+        AppendReplyLine(reply, ReportTypeToString(type), std::move(line), kMaxStateRowLength);
+    }
+    return true;
+}
+
+bool PackFilteredBaseState(Seq *reply, const char *header, time_t rebase_time, const ReportFilter *filter,
+                           ReportType type, ProtocolVersion version)
+{
+    const SeqPtr rows(DiffReportGetBaseState(type, rebase_time));
+    if (rows == nullptr) {
+        return false;
+    }
+    FilterWithIndex(rows.get(), filter, type, version);
+    EmitRows(reply, header, rows.get(), type, IsOldProtocol(version));
+    return true;
 }
 
 }  // namespace
@@ -215,13 +324,12 @@ void PackBaseState(Seq *reply, const char *header, time_t rebase_time, const Rep
                    ProtocolVersion version) noexcept
 {
     Log(LOG_LEVEL_VERBOSE, "Packing BaseState %s chapter", header);
-    const SeqPtr rows(DiffReportGetBaseState(type, rebase_time));
-    if (rows == nullptr) {
+    const bool is_packed = filter == nullptr && IsEmptyIndex(type)
+                               ? PackWholeBaseState(reply, header, {rebase_time, diff_add}, type, version)
+                               : PackFilteredBaseState(reply, header, rebase_time, filter, type, version);
+    if (!is_packed) {
         Log(LOG_LEVEL_VERBOSE, "Missing basestate to pack (Report type: %s)", ReportTypeToString(type));
-        return;
     }
-    FilterWithIndex(rows.get(), filter, type, version);
-    EmitRows(reply, header, rows.get(), type, IsOldProtocol(version));
 }
 
 void PackDiffReport(Seq *reply, const char *header, time_t from, time_t to, const ReportFilter *filter, ReportType type,

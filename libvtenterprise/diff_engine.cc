@@ -4,15 +4,18 @@
 // differences appended. A pass that stops in between loses differences but never reports one twice.
 #include "libvtenterprise/diff_engine.h"
 
+#include <cstdint>
 #include <string_view>
 
 #include <veltrane/file_lib.h>
 #include <veltrane/logging.h>
 #include <veltrane/owned.h>
 
+#include "libvtenterprise/cache_comparison.h"
 #include "libvtenterprise/critical_guard.h"
 #include "libvtenterprise/diff_files.h"
 #include "libvtenterprise/state_files.h"
+#include "libvtenterprise/state_text.h"
 
 using veltrane::CsvWriterPtr;
 using veltrane::FilePtr;
@@ -111,24 +114,58 @@ class Comparison {
     DataDupFn data_dup_;
 };
 
-// Write the present items of a state beside the cache and put them in its place; false: the old cache is still there.
-bool ReplaceStateCache(const char *path, const Seq *state, DataToCSVFn DataToCSV)
-{
-    ReplacementFile file(path);
-    if (file.writer() == nullptr) {
-        return false;
+// The cache of a report, compared with the present state, which then takes its place.
+//
+// The new cache is made while the old one is read: a record that comes out as it stands there is unchanged, and nobody
+// needs to take it apart.
+class CacheTurnover {
+  public:
+    CacheTurnover(const char *path, Seq *current, const ReportDataHandle &handle)
+        : path_(path), current_(current), handle_(handle), file_(path), text_(current, handle.DataToCSV, file_.writer())
+    {
     }
-    CsvWriterPtr csv(CsvWriterOpen(file.writer()));
-    for (size_t i = 0; i < SeqLength(state); i++) {
-        void *item = SeqAt(state, i);
-        if (item != nullptr) {
-            DataToCSV(item, csv.get());
-            CsvWriterNewRecord(csv.get());
+
+    // The rows between the two states, all of them additions when there is no old cache.
+    SeqPtr Rows()
+    {
+        CacheComparison comparison(current_, handle_);
+        const auto add = [&](void *cached) { comparison.Add(cached); };
+        const auto step_over = [&](CsvRecords *records) {
+            const size_t expected = comparison.Expected();
+            if (expected == SIZE_MAX) {
+                return false;
+            }
+            const std::string_view record = text_.Record(expected);
+            if (MayHoldEmptyField(record) || !records->StepOver(record)) {
+                return false;
+            }
+            comparison.AddExpected();
+            return true;
+        };
+        if (ForEachCachedRecord(path_, handle_.DataFromAttributeList, add, step_over)) {
+            return comparison.Rows();
         }
+        return SeqPtr(GenerateDiff(nullptr, current_, handle_.DataDelete, handle_.CompareKeys, handle_.CompareValues,
+                                   handle_.DataDup));
     }
-    csv.reset();
-    return file.Commit();
-}
+
+    // Put the present state in place; false: the old cache is still there.
+    [[nodiscard]] bool Commit()
+    {
+        if (file_.writer() == nullptr) {
+            return false;
+        }
+        text_.Finish();
+        return file_.Commit();
+    }
+
+  private:
+    const char *path_;
+    Seq *current_;
+    const ReportDataHandle &handle_;
+    ReplacementFile file_;
+    StateText text_;
+};
 
 // Append the rows to the difference file. The text is made before the section is entered, so that the server daemon
 // does not wait for it.
@@ -138,17 +175,6 @@ bool AppendRows(const char *path, const Seq *rows, DataToCSVFn DataToCSV)
     WriteRows(text.get(), rows, DataToCSV);
     const CriticalGuard guard(kDiffSection);
     return AppendRecords(path, std::string_view(StringWriterData(text.get()), StringWriterLength(text.get())));
-}
-
-SeqPtr RowsSinceCache(const char *cache_path, Seq *current, const ReportDataHandle &handle, time_t agent_time)
-{
-    const SeqPtr old(GetStateCache(cache_path, handle.DataFromAttributeList, handle.DataDelete));
-    SeqPtr rows(
-        GenerateDiff(old.get(), current, handle.DataDelete, handle.CompareKeys, handle.CompareValues, handle.DataDup));
-    for (size_t i = 0; i < SeqLength(rows.get()); i++) {
-        static_cast<DiffRow *>(SeqAt(rows.get(), i))->info->time = agent_time;
-    }
-    return rows;
 }
 
 }  // namespace
@@ -177,15 +203,7 @@ Seq *GenerateDiff(Seq *old_state, Seq *new_state, DataDeleteFn DataDelete, Compa
 Seq *GetStateCache(const char *path, DataFromAttributeListFn DataFromAttributeList, DataDeleteFn DataDelete) noexcept
 {
     SeqPtr state(SeqNew(kFirstRoom, DataDelete));
-    const auto keep = [&](const char *, Seq *fields) {
-        void *item = DataFromAttributeList(fields);
-        if (item != nullptr) {
-            SeqAppend(state.get(), item);
-        }
-    };
-    const FilePtr file(safe_fopen(path, "r"));
-    if (file == nullptr || !ForEachCsvRecord(file.get(), path, keep)) {
-        Log(LOG_LEVEL_VERBOSE, "Could not read cached state: '%s'", path);
+    if (!ForEachCachedRecord(path, DataFromAttributeList, [&](void *item) { SeqAppend(state.get(), item); })) {
         return nullptr;
     }
     return state.release();
@@ -209,8 +227,12 @@ bool DiffReportGenerateFrom(ReportType type, time_t agent_time, time_t now, Seq 
     const ReportDataHandle &handle = REPORT_DATA_HANDLES[type];
     SeqPtr current(present);
     const StatePath cache_path = StateCachePath(type);
-    const SeqPtr rows = RowsSinceCache(cache_path.c_str(), current.get(), handle, agent_time);
-    if (!ReplaceStateCache(cache_path.c_str(), current.get(), handle.DataToCSV)) {
+    CacheTurnover turnover(cache_path.c_str(), current.get(), handle);
+    const SeqPtr rows = turnover.Rows();
+    for (size_t i = 0; i < SeqLength(rows.get()); i++) {
+        static_cast<DiffRow *>(SeqAt(rows.get(), i))->info->time = agent_time;
+    }
+    if (!turnover.Commit()) {
         Log(LOG_LEVEL_VERBOSE, "Could not write cached state: '%s'", cache_path.c_str());
         return false;
     }

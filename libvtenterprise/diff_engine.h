@@ -13,6 +13,8 @@
 
 #include <time.h>
 
+#include <functional>
+
 #include <veltrane/eval_context.h>
 #include <veltrane/seq.h>
 
@@ -66,6 +68,11 @@ VT_EXPORT Seq *DiffReportGetWithSpecifier(time_t from, time_t to, const char *pa
 // Result  a new Seq of DiffRow with their real report type, in file order; NULL, at verbose level, without a cache: the
 //         history then stays.
 VT_EXPORT Seq *DiffReportGetBaseState(ReportType type, time_t rebase_time) noexcept;
+
+// The same for whoever needs no rows: each record of the state goes to take, which takes it over, in file order.
+//
+// Result  false without a cache, and when it cannot be read to its end: what take got then is not the state.
+bool DiffReportVisitBaseState(ReportType type, const std::function<void(void *record)> &take);
 
 // Keep only the rows whose time is at least agent_time; a file without such rows is deleted. When the kept rows cannot
 // be written the file is deleted too, with an error, so that it cannot grow for ever. Rows that are appended while

@@ -18,7 +18,6 @@
 
 using veltrane::FilePtr;
 using veltrane::SeqPtr;
-using veltrane::SeqViewPtr;
 
 namespace {
 
@@ -79,21 +78,24 @@ Seq *DiffReportGet(ReportType type, time_t from, time_t to) noexcept
                                       handle.DataDelete);
 }
 
-Seq *DiffReportGetBaseState(ReportType type, time_t rebase_time) noexcept
+bool DiffReportVisitBaseState(ReportType type, const std::function<void(void *record)> &take)
 {
-    const ReportDataHandle &handle = REPORT_DATA_HANDLES[type];
-    const SeqViewPtr items(
-        GetStateCache(StateCachePath(type).c_str(), handle.DataFromAttributeList, handle.DataDelete));
-    if (items == nullptr) {
+    if (!ForEachCachedRecord(StateCachePath(type).c_str(), REPORT_DATA_HANDLES[type].DataFromAttributeList, take)) {
         Log(LOG_LEVEL_VERBOSE, "Failed to access current state for report: '%s'", ReportTypeToString(type));
-        return nullptr;
-    }
-    Seq *rows = SeqNew(SeqLength(items.get()), DiffRowDelete);
-    for (size_t i = 0; i < SeqLength(items.get()); i++) {
-        SeqAppend(rows, DiffRowNew(DiffInfoNew(rebase_time, diff_add), type, SeqAt(items.get(), i), handle.DataDelete));
+        return false;
     }
     RemoveHistory(DiffFilePath(type).c_str());
-    return rows;
+    return true;
+}
+
+Seq *DiffReportGetBaseState(ReportType type, time_t rebase_time) noexcept
+{
+    SeqPtr rows(SeqNew(kFirstRoom, DiffRowDelete));
+    const auto append = [&](void *record) {
+        DiffInfo *info = DiffInfoNew(rebase_time, diff_add);
+        SeqAppend(rows.get(), DiffRowNew(info, type, record, REPORT_DATA_HANDLES[type].DataDelete));
+    };
+    return DiffReportVisitBaseState(type, append) ? rows.release() : nullptr;
 }
 
 void DiffReportRemoveOldEntries(ReportType type, time_t agent_time) noexcept

@@ -14,6 +14,8 @@
 #include <veltrane/logging.h>
 #include <veltrane/owned.h>
 
+#include "libvtenterprise/csv_records.h"
+
 // The new content of a file, written to "<path>.new" until Commit puts it in place.
 //
 // Writers of one path wait for each other (the lock is on the open "<path>.new", so it goes with its holder); what a
@@ -52,22 +54,31 @@ class ReplacementFile {
 // Hand the fields of each CSV record of an open file to use(record, fields), which borrows both. A record that does not
 // split is skipped with a warning that names path.
 //
-// Result  false when the file cannot be read to its end.
+// step_over  called with the CsvRecords before each record; true when it has stepped over one
+// Result     false when the file cannot be read to its end.
+template <typename Use, typename StepOver>
+[[nodiscard]] bool ForEachCsvRecord(FILE *file, const char *path, Use use, StepOver step_over)
+{
+    CsvRecords records(file);
+    for (;;) {
+        if (step_over(&records)) {
+            continue;
+        }
+        if (!records.Next()) {
+            return ferror(file) == 0;
+        }
+        if (records.fields() == nullptr) {
+            Log(LOG_LEVEL_WARNING, "Failed to parse csv file entry ('%s'): '%s'", path, records.text());
+        } else {
+            use(records.text(), records.fields());
+        }
+    }
+}
+
 template <typename Use>
 [[nodiscard]] bool ForEachCsvRecord(FILE *file, const char *path, Use use)
 {
-    for (;;) {
-        const veltrane::TextPtr record(GetCsvLineNext(file));
-        if (record == nullptr) {
-            return ferror(file) == 0;
-        }
-        const veltrane::SeqPtr fields(SeqParseCsvString(record.get()));
-        if (fields == nullptr) {
-            Log(LOG_LEVEL_WARNING, "Failed to parse csv file entry ('%s'): '%s'", path, record.get());
-        } else {
-            use(record.get(), fields.get());
-        }
-    }
+    return ForEachCsvRecord(file, path, use, [](CsvRecords *) { return false; });
 }
 
 #endif

@@ -11,6 +11,7 @@
 
 #include "libvtenterprise/reply_line.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/texts.h"
 #include "tests/support/work_dir.h"
 #include "tests/unit/libvtenterprise/state_rows.h"
 
@@ -23,16 +24,6 @@ using ::testing::IsEmpty;
 using ::testing::Pair;
 using veltrane::SeqPtr;
 using veltrane::TextPtr;
-
-Texts LinesOf(const Seq *reply)
-{
-    Texts lines;
-    for (size_t i = 0; i < SeqLength(reply); ++i) {
-        const char *line = static_cast<const char *>(SeqAt(reply, i));
-        lines.emplace_back(line != nullptr ? line : "(empty slot)");
-    }
-    return lines;
-}
 
 // --- Filtering keys --------------------------------------------------------------------------------------------------
 
@@ -114,7 +105,7 @@ class StateChapters : public ::testing::Test {
     {
         const SeqPtr reply(SeqNew(10, free));
         PackDiffReport(reply.get(), "CLD", 100, 200, filter, type, version);
-        return LinesOf(reply.get());
+        return SeqTexts(reply.get());
     }
 
     static Texts PackBase(const ReportFilter *filter = nullptr, ReportType type = report_type_classes,
@@ -122,7 +113,7 @@ class StateChapters : public ::testing::Test {
     {
         const SeqPtr reply(SeqNew(10, free));
         PackBaseState(reply.get(), "CLD", 500, filter, type, version);
-        return LinesOf(reply.get());
+        return SeqTexts(reply.get());
     }
 
     WorkDirectory work_;
@@ -364,7 +355,7 @@ TEST(AppendReplyLine, TakesALineThatFitsATransactionWithItsZero)
     AppendReplyLine(reply.get(), "file change", TextPtr(xstrdup(std::string(4095, 'x').c_str())));
     AppendReplyLine(reply.get(), "file change", TextPtr(xstrdup(std::string(4096, 'x').c_str())));
 
-    EXPECT_THAT(LinesOf(reply.get()), ElementsAre(std::string(4095, 'x')));
+    EXPECT_THAT(SeqTexts(reply.get()), ElementsAre(std::string(4095, 'x')));
     EXPECT_THAT(log.lines,
                 ElementsAre(Pair(LOG_LEVEL_WARNING,
                                  "file change report entry exceeds network limit and will be skipped from reporting "

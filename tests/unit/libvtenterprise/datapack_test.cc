@@ -18,6 +18,7 @@
 
 #include "libvtenterprise/report_data.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/texts.h"
 #include "tests/support/work_dir.h"
 
 namespace {
@@ -45,19 +46,11 @@ using ::testing::Pair;
 using ::testing::StartsWith;
 using veltrane::DBHandlePtr;
 using veltrane::SeqPtr;
-using Texts = std::vector<std::string>;
 using ReportPtr = std::unique_ptr<ReportData, veltrane::Destroyer<ReportData_Destroy>>;
 
 constexpr time_t kFrom = 1700000000;
 constexpr time_t kTo = 1700001000;
 constexpr time_t kClockError = 7;
-
-Texts LinesOf(const Seq *reply)
-{
-    Texts lines;
-    for (size_t i = 0; i < SeqLength(reply); ++i) { lines.emplace_back(static_cast<const char *>(SeqAt(reply, i))); }
-    return lines;
-}
 
 Texts LinesOfFile(const std::string &name)
 {
@@ -71,7 +64,7 @@ Texts LinesOfFile(const std::string &name)
 std::string StreamOf(const Seq *reply)
 {
     std::string stream;
-    for (const std::string &line : LinesOf(reply)) { stream += line + "\n"; }
+    for (const std::string &line : SeqTexts(reply)) { stream += line + "\n"; }
     return stream;
 }
 
@@ -85,7 +78,7 @@ class Datapack : public ::testing::Test {
         return SeqPtr(Vesk_PackAllReports(kFrom, kTo, kClockError, type, book, version));
     }
 
-    Texts PackLines(ReportRequestType type) const { return LinesOf(Pack(type).get()); }
+    Texts PackLines(ReportRequestType type) const { return SeqTexts(Pack(type).get()); }
 
     static DBHandlePtr Open(dbid id)
     {
@@ -218,7 +211,7 @@ TEST_F(Datapack, TheHeaderTakesAnyNumbers)
     const time_t end = std::numeric_limits<time_t>::max();
     const SeqPtr reply(Vesk_PackAllReports(0, end, -5, REPORT_REQUEST_TYPE_FULL, nullptr, VT_PROTOCOL_TLS));
 
-    EXPECT_THAT(LinesOf(reply.get()), ElementsAre("VTR: -5 9223372036854775807 0"));
+    EXPECT_THAT(SeqTexts(reply.get()), ElementsAre("VTR: -5 9223372036854775807 0"));
 }
 
 TEST_F(Datapack, TheEndTimeOfTheReplyIsLoggedInLocalTime)
@@ -279,8 +272,8 @@ TEST_F(Datapack, TagsFilterClassesAndVariablesAndHandlesTheExecutionLog)
     }
     FillSources();
 
-    const Texts delta = LinesOf(Pack(REPORT_REQUEST_TYPE_DELTA, VT_PROTOCOL_COOKIE, book.get()).get());
-    const Texts rebase = LinesOf(Pack(REPORT_REQUEST_TYPE_REBASE, VT_PROTOCOL_COOKIE, book.get()).get());
+    const Texts delta = SeqTexts(Pack(REPORT_REQUEST_TYPE_DELTA, VT_PROTOCOL_COOKIE, book.get()).get());
+    const Texts rebase = SeqTexts(Pack(REPORT_REQUEST_TYPE_REBASE, VT_PROTOCOL_COOKIE, book.get()).get());
 
     EXPECT_THAT(delta, AllOf(Contains(StartsWith("1700000100,4,web,")), Contains(StartsWith("1700000150,4,default")),
                              Contains(StartsWith("1700000180,4,9f86d081")), Contains(StartsWith("1700000200,2,gone")),
@@ -469,7 +462,7 @@ TEST_F(Datapack, TheExecutionStatusIsItsCodeAndOneRow)
     Vesk_PackExecutionStatus(reply.get(), VT_PROTOCOL_COOKIE);
     Vesk_PackExecutionStatus(reply.get(), VT_PROTOCOL_TLS);
 
-    EXPECT_THAT(LinesOf(reply.get()), ElementsAre("EXS", "t,312,1600000000", "EXS", "t,312,1600000000\r\n"));
+    EXPECT_THAT(SeqTexts(reply.get()), ElementsAre("EXS", "t,312,1600000000", "EXS", "t,312,1600000000\r\n"));
     EXPECT_THAT(log.lines, ElementsAre(Pair(LOG_LEVEL_VERBOSE, "Packing execution status data"),
                                        Pair(LOG_LEVEL_VERBOSE, "Packing execution status data")));
 }
@@ -481,7 +474,7 @@ TEST_F(Datapack, AnAgentThatRanJustNowIsNotOverdue)
 
     Vesk_PackExecutionStatus(reply.get(), VT_PROTOCOL_COOKIE);
 
-    EXPECT_THAT(LinesOf(reply.get()), ElementsAre("EXS", StartsWith("f,300,")));
+    EXPECT_THAT(SeqTexts(reply.get()), ElementsAre("EXS", StartsWith("f,300,")));
 }
 
 TEST_F(Datapack, WithoutBothExecutionRecordsThereIsNoExecutionStatus)

@@ -11,6 +11,7 @@
 #include "libvtenterprise/enterprise_install.h"
 #include "support/log_capture.h"
 #include "support/record_text.h"
+#include "support/texts.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -53,10 +54,7 @@ void CountDelete(void *data)
 
 void *RejectColumns(Seq *attr)
 {
-    columns_seen.clear();
-    for (size_t i = 0; i < SeqLength(attr); i++) {
-        columns_seen.emplace_back(static_cast<const char *>(SeqAt(attr, i)));
-    }
+    columns_seen = SeqTexts(attr);
     return nullptr;
 }
 

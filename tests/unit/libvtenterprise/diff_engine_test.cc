@@ -10,11 +10,11 @@
 
 #include <veltrane/string_lib.h>
 
-#include "diff_test_support.h"
 #include "support/file_size_limit.h"
 #include "support/golden.h"
 #include "support/log_capture.h"
 #include "support/section_probe.h"
+#include "tests/unit/libvtenterprise/diff_test_support.h"
 
 using testing::AnyOf;
 using testing::ElementsAre;

@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "diff_test_support.h"
 #include "libvtenterprise/diff_engine.h"
 #include "support/file_size_limit.h"
 #include "support/log_capture.h"
 #include "support/section_probe.h"
+#include "tests/unit/libvtenterprise/diff_test_support.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;

@@ -13,6 +13,7 @@
 #include <veltrane/owned.h>
 
 #include "tests/support/log_capture.h"
+#include "tests/support/texts.h"
 
 namespace {
 
@@ -35,14 +36,9 @@ ReportPtr StartedDelta()
     return report;
 }
 
-std::vector<std::string> Lines(const ReportData *report, CodeBookIndex chapter)
+Texts Lines(const ReportData *report, CodeBookIndex chapter)
 {
-    std::vector<std::string> lines;
-    const Seq *seq = ReportData_GetChapter(report, chapter);
-    for (size_t i = 0; seq != nullptr && i < SeqLength(seq); ++i) {
-        lines.emplace_back(static_cast<const char *>(SeqAt(seq, i)));
-    }
-    return lines;
+    return SeqTexts(ReportData_GetChapter(report, chapter));
 }
 
 TEST(ReportData, ARecordForBuildingKnowsItsHostAndRequestAndTakesNoHeader)

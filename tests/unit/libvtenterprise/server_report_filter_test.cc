@@ -13,27 +13,16 @@
 #include <veltrane/rlist.h>
 
 #include "libvtenterprise/entry_points_real.h"
+#include "tests/support/record_text.h"
+#include "tests/support/texts.h"
 
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using Texts = std::vector<std::string>;
 using ReportFilterPtr = std::unique_ptr<ReportFilter, veltrane::Destroyer<ReportFilterDestroy>>;
 
-Seq *NewSeq(const Texts &texts)
-{
-    Seq *seq = SeqNew(texts.size(), free);
-    for (const std::string &text : texts) { SeqAppend(seq, xstrdup(text.c_str())); }
-    return seq;
-}
-
-Texts TextsOf(const Seq *seq)
-{
-    Texts texts;
-    for (size_t i = 0; i < SeqLength(seq); ++i) { texts.emplace_back(static_cast<const char *>(SeqAt(seq, i))); }
-    return texts;
-}
+Seq *NewSeq(const Texts &texts) { return Fields(texts).release(); }
 
 ReportFilterPtr Including(const Texts &include)
 {
@@ -83,9 +72,7 @@ class AccessPromises : public ::testing::Test {
 
     static void AddList(Promise *pp, const char *attribute, const Texts &texts)
     {
-        Rlist *list = nullptr;
-        for (const std::string &text : texts) { RlistAppendScalar(&list, text.c_str()); }
-        PromiseAppendConstraint(pp, attribute, Rval{list, RVAL_TYPE_LIST});
+        PromiseAppendConstraint(pp, attribute, ListRval(texts));
     }
 
     veltrane::PolicyPtr policy_;
@@ -103,10 +90,10 @@ TEST(ReportFilter, OwnsWhatItIsMadeOfAndCopiesDeeply)
     EXPECT_STREQ(filter->report_type, "monitoring");
     EXPECT_STREQ(copy->report_type, "monitoring");
     EXPECT_NE(copy->report_type, filter->report_type);
-    EXPECT_THAT(TextsOf(copy->include_list), ElementsAre("a", "b"));
+    EXPECT_THAT(SeqTexts(copy->include_list), ElementsAre("a", "b"));
     EXPECT_NE(SeqAt(copy->include_list, 0), SeqAt(filter->include_list, 0));
     ASSERT_NE(copy->exclude_list, nullptr);  // present, and empty
-    EXPECT_THAT(TextsOf(copy->exclude_list), IsEmpty());
+    EXPECT_THAT(SeqTexts(copy->exclude_list), IsEmpty());
 }
 
 TEST(ReportFilter, AbsentListsStayAbsentInACopy)
@@ -131,7 +118,7 @@ TEST(ReportFilter, ACopiedPatternListHoldsTheSameTextsInTheSameOrder)
 
     const veltrane::SeqPtr copy(CopyRegExList(list.get()));
 
-    EXPECT_THAT(TextsOf(copy.get()), ElementsAre("b", "a", "b"));
+    EXPECT_THAT(SeqTexts(copy.get()), ElementsAre("b", "a", "b"));
     EXPECT_NE(SeqAt(copy.get(), 0), SeqAt(list.get(), 0));
 }
 
@@ -276,7 +263,7 @@ TEST(ReportBookFilter, CopiesDeeplyAndInOrder)
     ASSERT_EQ(SeqLength(copy->report_filter_list), 2U);
     const ReportFilter *first = static_cast<ReportFilter *>(SeqAt(copy->report_filter_list, 0));
     EXPECT_STREQ(first->report_type, "monitoring");
-    EXPECT_THAT(TextsOf(first->include_list), ElementsAre("cpu.*"));
+    EXPECT_THAT(SeqTexts(first->include_list), ElementsAre("cpu.*"));
     EXPECT_NE(first, SeqAt(book->report_filter_list, 0));
     EXPECT_STREQ(static_cast<ReportFilter *>(SeqAt(copy->report_filter_list, 1))->report_type, "metatags");
 }
@@ -299,7 +286,7 @@ TEST(ReportBookFilter, MergingAppendsCopiesOfFiltersOfNewTypes)
     const ReportFilter *merged = GetReportFilter("metatags", destination.get());
     ASSERT_NE(merged, nullptr);
     EXPECT_NE(merged, GetReportFilter("metatags", source.get()));
-    EXPECT_THAT(TextsOf(merged->include_list), ElementsAre("a"));
+    EXPECT_THAT(SeqTexts(merged->include_list), ElementsAre("a"));
     EXPECT_EQ(merged->exclude_list, nullptr);
     EXPECT_STREQ(destination->book_name, "delta");
 }
@@ -315,11 +302,11 @@ TEST(ReportBookFilter, MergingPutsPatternsBehindThoseThereAndKeepsDuplicates)
     ReportBookFilterMerge(destination.get(), source.get());
 
     const ReportFilter *merged = GetReportFilter("metatags", destination.get());
-    EXPECT_THAT(TextsOf(merged->include_list), ElementsAre("a", "b", "b", "c"));
-    EXPECT_THAT(TextsOf(merged->exclude_list), ElementsAre("x"));
+    EXPECT_THAT(SeqTexts(merged->include_list), ElementsAre("a", "b", "b", "c"));
+    EXPECT_THAT(SeqTexts(merged->exclude_list), ElementsAre("x"));
     const ReportFilter *untouched = GetReportFilter("metatags", source.get());
-    EXPECT_THAT(TextsOf(untouched->include_list), ElementsAre("b", "c"));
-    EXPECT_THAT(TextsOf(untouched->exclude_list), ElementsAre("x"));
+    EXPECT_THAT(SeqTexts(untouched->include_list), ElementsAre("b", "c"));
+    EXPECT_THAT(SeqTexts(untouched->exclude_list), ElementsAre("x"));
 }
 
 TEST(ReportBookFilter, ABookThatLetEverythingThroughIsRestrictedByIncludesMergedIn)
@@ -385,7 +372,7 @@ TEST_F(AccessPromises, TheSixListsMakeThreeFiltersInTheirOrder)
     std::vector<std::pair<std::string, std::pair<Texts, Texts>>> filters;
     for (size_t i = 0; i < 3; ++i) {
         const ReportFilter *filter = static_cast<ReportFilter *>(SeqAt(book->report_filter_list, i));
-        filters.push_back({filter->report_type, {TextsOf(filter->include_list), TextsOf(filter->exclude_list)}});
+        filters.push_back({filter->report_type, {SeqTexts(filter->include_list), SeqTexts(filter->exclude_list)}});
     }
     EXPECT_THAT(filters, ElementsAre(std::pair("monitoring", std::pair(Texts{"m1"}, Texts{"m2"})),
                                      std::pair("metatags", std::pair(Texts{"t1"}, Texts{"t2", "t3"})),
@@ -404,7 +391,7 @@ TEST_F(AccessPromises, AnAbsentAttributeLeavesItsListAbsent)
     const ReportFilter *filter = GetReportFilter("metatags", book.get());
     ASSERT_NE(filter, nullptr);
     EXPECT_EQ(filter->include_list, nullptr);
-    EXPECT_THAT(TextsOf(filter->exclude_list), ElementsAre("noreport"));
+    EXPECT_THAT(SeqTexts(filter->exclude_list), ElementsAre("noreport"));
 }
 
 TEST_F(AccessPromises, AnEmptyListIsPresentAndLetsNothingThrough)
@@ -418,7 +405,7 @@ TEST_F(AccessPromises, AnEmptyListIsPresentAndLetsNothingThrough)
     const ReportFilter *filter = GetReportFilter("metatags", book.get());
     ASSERT_NE(filter, nullptr);
     ASSERT_NE(filter->include_list, nullptr);
-    EXPECT_THAT(TextsOf(filter->include_list), IsEmpty());
+    EXPECT_THAT(SeqTexts(filter->include_list), IsEmpty());
     EXPECT_FALSE(IsKeyAllowedByFilter("inventory", filter));
 }
 
@@ -446,8 +433,8 @@ TEST_F(AccessPromises, PromisesWithTheSamePromiserAddUpToOneBook)
     const ReportBookFilterPtr book = CopyBookFilterOfQuery("delta");
     ASSERT_EQ(SeqLength(book->report_filter_list), 1U);
     const ReportFilter *filter = GetReportFilter("metatags", book.get());
-    EXPECT_THAT(TextsOf(filter->include_list), ElementsAre("inventory"));
-    EXPECT_THAT(TextsOf(filter->exclude_list), ElementsAre("noreport"));
+    EXPECT_THAT(SeqTexts(filter->include_list), ElementsAre("inventory"));
+    EXPECT_THAT(SeqTexts(filter->exclude_list), ElementsAre("noreport"));
 }
 
 TEST_F(AccessPromises, PromisesWithDifferentPromisersMakeSeparateBooks)
@@ -462,8 +449,8 @@ TEST_F(AccessPromises, PromisesWithDifferentPromisersMakeSeparateBooks)
 
     const ReportBookFilterPtr delta_book = CopyBookFilterOfQuery("delta");
     const ReportBookFilterPtr rebase_book = CopyBookFilterOfQuery("rebase");
-    EXPECT_THAT(TextsOf(GetReportFilter("metatags", delta_book.get())->include_list), ElementsAre("a"));
-    EXPECT_THAT(TextsOf(GetReportFilter("metatags", rebase_book.get())->include_list), ElementsAre("b"));
+    EXPECT_THAT(SeqTexts(GetReportFilter("metatags", delta_book.get())->include_list), ElementsAre("a"));
+    EXPECT_THAT(SeqTexts(GetReportFilter("metatags", rebase_book.get())->include_list), ElementsAre("b"));
     EXPECT_EQ(CopyBookFilterOfQuery("full"), nullptr);
 }
 
@@ -477,7 +464,7 @@ TEST_F(AccessPromises, ACopyOutlivesTheSet)
     CleanReportBookFilterSet__real();
 
     EXPECT_EQ(CopyBookFilterOfQuery("delta"), nullptr);
-    EXPECT_THAT(TextsOf(GetReportFilter("metatags", book.get())->include_list), ElementsAre("inventory"));
+    EXPECT_THAT(SeqTexts(GetReportFilter("metatags", book.get())->include_list), ElementsAre("inventory"));
 }
 
 TEST_F(AccessPromises, CleaningAnAbsentSetIsFineAndASetCanBeFilledAgain)

@@ -12,8 +12,8 @@
 
 #include "libvtenterprise/diff_common.h"
 #include "libvtenterprise/server_report_filter.h"
+#include "tests/support/texts.h"
 
-using Texts = std::vector<std::string>;
 using Entries = std::vector<std::pair<std::string, std::string>>;
 using ReportFilterPtr = std::unique_ptr<ReportFilter, veltrane::Destroyer<ReportFilterDestroy>>;
 using DiffRowPtr = std::unique_ptr<DiffRow, veltrane::Destroyer<DiffRowDelete>>;

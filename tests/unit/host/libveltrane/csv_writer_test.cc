@@ -63,6 +63,24 @@ TEST(CsvWriter, AFieldMayHaveAnyLength)
     EXPECT_EQ(WrittenField(comma.c_str()), "\"" + comma + "\"");
 }
 
+TEST(CsvWriter, FindsAByteThatAsksForQuotesAtAnyPlaceOfAFieldOfAnyLength)
+{
+    for (const size_t length : {1, 2, 15, 16, 17, 31, 32, 33, 48, 49, 250, 251, 252, 253, 254, 300}) {
+        const std::string plain(length, 'x');
+        ASSERT_EQ(WrittenField(plain.c_str()), plain);
+        for (size_t i = 0; i < length; i++) {
+            std::string field = plain;
+            for (const char c : {',', '\r', '\n'}) {
+                field[i] = c;
+                ASSERT_EQ(WrittenField(field.c_str()), '"' + field + '"') << length << " " << i;
+            }
+            field[i] = '"';
+            const std::string doubled = std::string(field).insert(i, "\"");
+            ASSERT_EQ(WrittenField(field.c_str()), '"' + doubled + '"') << length << " " << i;
+        }
+    }
+}
+
 TEST(CsvWriter, AFormattedFieldIsQuotedAsNeeded)
 {
     const std::string text(3000, ',');

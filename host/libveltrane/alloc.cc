@@ -1,8 +1,8 @@
 // Memory that never runs out: whoever asks gets it, or the process ends.
 //
 // One invariant: no caller of the library ever sees NULL or std::bad_alloc. The C functions check here; containers of
-// C++ come to the same end through the new-handler, and OpenSSL, which crashes when memory runs out while it sets itself
-// up, through allocation functions of its own. Both are installed once when the library is loaded.
+// C++ come to the same end through the new-handler, and OpenSSL, which crashes when memory runs out while it sets
+// itself up, through allocation functions of its own. Both are installed once when the library is loaded.
 #include <veltrane/alloc.h>
 
 #include <cstdio>
@@ -16,7 +16,7 @@
 
 #include <veltrane/logging.h>
 
-#include "out_of_memory.h"
+#include "libveltrane/out_of_memory.h"
 
 namespace {
 

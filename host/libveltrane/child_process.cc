@@ -11,7 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
+#include <system_error>
 
 #include <veltrane/owned.h>
 #include <veltrane/types.h>
@@ -91,7 +91,7 @@ struct Prepared {
     signal(SIGPIPE, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
     if (prepared.directory == nullptr || chdir(prepared.directory) == 0) {
         execvpe(prepared.argv[0], prepared.argv.data(), prepared.envp.data());
     }
@@ -190,7 +190,7 @@ std::string CommandResult::Describe() const
         case End::kNotStarted:
             break;
     }
-    return std::string("could not be started: ") + strerror(code);
+    return "could not be started: " + std::generic_category().message(code);
 }
 
 CommandResult RunCommand(const Command &command)

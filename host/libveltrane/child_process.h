@@ -19,9 +19,9 @@ struct Command {
     std::vector<std::string> words;  // program and arguments; a program without '/' is looked up in PATH
     std::string directory;           // "" = the caller's own
     std::map<std::string, std::string>
-        environment;                    // added to the caller's, or in place of a variable of the same name
-    int timeout_seconds = 0;            // 0 = no limit; afterwards its whole process group is killed
-    size_t output_limit = 1024 * 1024;  // bytes kept of each stream; the rest is read and dropped
+        environment;                            // added to the caller's, or in place of a variable of the same name
+    int timeout_seconds = 0;                    // 0 = no limit; afterwards its whole process group is killed
+    size_t output_limit = size_t{1024} * 1024;  // bytes kept of each stream; the rest is read and dropped
 };
 
 struct CommandResult {

@@ -16,6 +16,7 @@
 #include <veltrane/owned.h>
 
 #include "libveltrane/keys.h"
+#include "libveltrane/send_pace.h"
 
 namespace veltrane {
 
@@ -27,8 +28,9 @@ using ConnectionInfoPtr = std::unique_ptr<ConnectionInfo, Destroyer<ConnectionIn
 struct ConnectionInfoInternal_ {
     int socket = -1;
     veltrane::SslPtr ssl;
-    std::string identity;  // of the peer; empty before the handshake
-    std::string gathered;  // transactions with status 'm' that wait for their TLS record to fill
+    std::string identity;     // of the peer; empty before the handshake
+    veltrane::SendPace pace;  // of the message that is being sent
+    std::string gathered;     // transactions with status 'm' that wait for their TLS record to fill
     std::unique_ptr<char[]>
         record;  // of the last TLS record what no transaction has taken yet: nothing between messages
     size_t record_begin = 0;

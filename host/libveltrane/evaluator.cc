@@ -182,7 +182,7 @@ class PolicyRun {
         scope->bindings.erase(list->name);
     }
 
-    void RunIteration(Scope scope, const Actuator &actuator, size_t index, BundleState *state)
+    void RunIteration(const Scope &scope, const Actuator &actuator, size_t index, BundleState *state)
     {
         std::set<std::string> &judged = state->judged[scope.promise];
         const std::string key = KeyOf(scope.bindings);
@@ -359,6 +359,17 @@ class PolicyRun {
 };
 
 }  // namespace
+
+PolicyPtr ReadPolicy(const std::string &path)
+{
+    char *error = nullptr;
+    PolicyPtr policy(PolicyParseFile(path.c_str(), &error));
+    const TextPtr owned(error);
+    if (policy == nullptr) {
+        Log(LOG_LEVEL_ERR, "%s", error);
+    }
+    return policy;
+}
 
 void SetUpContext(EvalContext *ctx, const Policy *policy)
 {

@@ -17,6 +17,7 @@
 
 #include <veltrane/eval_context.h>
 #include <veltrane/outcome.h>
+#include <veltrane/owned.h>
 #include <veltrane/policy.h>
 
 namespace veltrane {
@@ -32,6 +33,10 @@ struct Evaluation {
     // After each iteration whose result is final and not skipped, while it is still on the stack; may be empty.
     std::function<void(EvalContext *, const Promise *, PromiseResult)> outcome;
 };
+
+// The policy of a file and of what it includes; NULL after one error line that says where it is malformed, or which
+// file of it cannot be read or could have been written by another user.
+PolicyPtr ReadPolicy(const std::string &path);
 
 // Fill an empty context with what holds before the first promise: the classes and sys variables of this machine, the
 // attributes of the policy's control body "common", the edition classes and variables of the plug-in.

@@ -83,8 +83,8 @@ bool IsPort(const char *text)
     return StringIsNumeric(text) && StringToLong(text, &number) == 0 && number <= 65535;
 }
 
-// One listening socket on one address; -1 with errno.
-int ListenOn(const addrinfo &address, size_t queue_size)
+// A socket bound to one address; -1 with errno.
+int BindTo(const addrinfo &address)
 {
     const int fd = socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, address.ai_protocol);
     if (fd < 0) {
@@ -92,10 +92,9 @@ int ListenOn(const addrinfo &address, size_t queue_size)
     }
     const int on = 1;
     const int off = 0;
-    const int queue = static_cast<int>(std::min<size_t>(queue_size, INT_MAX));
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0 &&
         (address.ai_family != AF_INET6 || setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof(off)) == 0) &&
-        bind(fd, address.ai_addr, address.ai_addrlen) == 0 && listen(fd, queue) == 0) {
+        bind(fd, address.ai_addr, address.ai_addrlen) == 0) {
         return fd;
     }
     const int error = errno;
@@ -166,6 +165,16 @@ std::string PeerAddress(int fd)
     return AddressText(reinterpret_cast<const sockaddr *>(&address), length);
 }
 
+std::string NetworkOf(std::string_view address)
+{
+    const std::optional<AddressBytes> bytes = ParseAddress(address.substr(0, address.find('%')));
+    if (!bytes.has_value()) {
+        return "";
+    }
+    const bool v6 = address.find(':') != std::string_view::npos;
+    return std::string(bytes->begin(), v6 ? bytes->begin() + 8 : bytes->end());
+}
+
 bool AddressIn(std::string_view address, std::string_view network)
 {
     // The zone of a link-local address says by which interface, not who.
@@ -176,7 +185,7 @@ bool AddressIn(std::string_view address, std::string_view network)
 
 bool IsAddressOrNetwork(std::string_view text) { return ParseNetwork(text).has_value(); }
 
-int OpenListeningSocket(size_t queue_size, const char *bind_address, const char *port)
+int OpenBoundSocket(const char *bind_address, const char *port)
 {
     const bool any = bind_address == nullptr || *bind_address == '\0';
     const AddressListPtr addresses = ResolveHost(any ? nullptr : bind_address, port, AF_UNSPEC, AI_PASSIVE);
@@ -189,11 +198,28 @@ int OpenListeningSocket(size_t queue_size, const char *bind_address, const char 
     for (const bool v6 : {true, false}) {
         for (const addrinfo *address = addresses.get(); address != nullptr && fd < 0; address = address->ai_next) {
             if ((address->ai_family == AF_INET6) == v6) {
-                fd = ListenOn(*address, queue_size);
+                fd = BindTo(*address);
             }
         }
     }
     return fd;
+}
+
+int OpenListeningSocket(size_t queue_size, const char *bind_address, const char *port)
+{
+    const int fd = OpenBoundSocket(bind_address, port);
+    if (fd >= 0 && !Listen(fd, queue_size)) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+bool Listen(int fd, size_t queue_size)
+{
+    return listen(fd, static_cast<int>(std::min<size_t>(queue_size, INT_MAX))) == 0;
 }
 
 std::string LocalAddressAndPort(int fd)

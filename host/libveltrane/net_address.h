@@ -27,6 +27,10 @@ std::string AddressText(const sockaddr *address, socklen_t length);
 // The same of the peer of a socket; "" for a socket that has none or is no internet one.
 std::string PeerAddress(int fd);
 
+// Which network a numeric address counts for where peers are counted: an IPv4 address for itself, an IPv6 address for
+// all that share its first 64 bits. Bytes to compare, no text; "" when the address is malformed.
+std::string NetworkOf(std::string_view address);
+
 // Whether a numeric address lies in an address or a network "address/bits"; false when either is malformed.
 bool AddressIn(std::string_view address, std::string_view network);
 
@@ -41,6 +45,11 @@ bool IsAddressOrNetwork(std::string_view text);
 // port          numeric; "0" = any free one
 // Result        its descriptor, or -1 with errno
 int OpenListeningSocket(size_t queue_size, const char *bind_address, const char *port);
+
+// The same in two steps, for a program that binds while it still has the right to and listens later: bound but silent,
+// and then listening. -1, or false, with errno.
+int OpenBoundSocket(const char *bind_address, const char *port);
+[[nodiscard]] bool Listen(int fd, size_t queue_size);
 
 // "<address>:<port>" that a socket is bound to, IPv6 addresses in brackets; "" when it has none.
 std::string LocalAddressAndPort(int fd);

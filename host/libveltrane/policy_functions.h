@@ -1,5 +1,7 @@
 // The functions that a value of the policy may call: {name: [arguments]}.
 //
+// A program that talks to strangers runs no command: execresult fails there (RefuseCommandsOfPolicy).
+//
 // Each name that the language knows is in one table. A name whose work is not part of this build, or that needs what
 // this host lacks, fails when it is called: the promise is skipped, the rest of the policy goes on.
 //
@@ -28,6 +30,9 @@ struct FunctionCall {
 
 // Whether the language has a function of this name.
 bool IsPolicyFunction(const char *name);
+
+// From now on functions that run a command fail in this process, with this reason. Any thread.
+void RefuseCommandsOfPolicy(const char *why);
 
 // Call it. true with a new *ret_value; false, with one error line that says why.
 bool CallPolicyFunction(const FunctionCall &call, Rval *ret_value);

@@ -48,7 +48,7 @@ bool SetPort(const std::string &port)
     return true;
 }
 
-bool PrepareWorkDir(const std::string &workdir)
+bool PrepareWorkDir(const std::string &workdir, const std::string &user)
 {
     std::string path = workdir.empty() ? GetWorkDir() : workdir;
     if (path[0] != '/') {  // a program may change its working directory later
@@ -56,6 +56,12 @@ bool PrepareWorkDir(const std::string &workdir)
         path = (here != nullptr ? here.get() : ".") + ("/" + path);
     }
     SetWorkDir(path.c_str());
+    struct stat status {};
+    if (!user.empty() && stat(path.c_str(), &status) == 0 && status.st_uid != geteuid()) {
+        Log(LOG_LEVEL_ERR, "The work directory '%s' is refused: it does not belong to user '%s'", path.c_str(),
+            user.c_str());
+        return false;
+    }
 
     // Looked at before, so that nothing is made where somebody else may write, and after, when it surely is there.
     const std::string above = NearestAbove(path);
@@ -92,7 +98,10 @@ bool StartProgram(const ProgramOptions &options)
     VTSTARTTIME = time(nullptr);
     signal(SIGPIPE, SIG_IGN);  // a peer that goes away is an error of a write, not the end of the program
     SeedRandom();
-    return SetPort(options.port) && PrepareWorkDir(options.workdir);
+    if (options.timeout_seconds > 0) {
+        CONNTIMEOUT = options.timeout_seconds;
+    }
+    return SetPort(options.port) && PrepareWorkDir(options.workdir, options.user);
 }
 
 }  // namespace veltrane

@@ -17,13 +17,16 @@ struct ProgramOptions {
     std::string port;                   // "" = 6127; else a number from 1 to 65535
     LogLevel level = LOG_LEVEL_NOTICE;  // the graver levels and this one reach stderr
     bool fips = false;                  // run in FIPS mode
+    int timeout_seconds = 0;            // CONNTIMEOUT, 1 to 3600; 0 = as it is
+    std::string user;                   // the user this process has become, whose the work directory must be; "" = any
 };
 
-// Start a program: log level, FIPS_MODE, SIGPIPE ignored, rand seeded from the kernel, VTSTARTTIME, the work directory
-// with all it holds, VELTRANE_PORT_STR. Once, in main, before anything else of this library.
+// Start a program: log level, FIPS_MODE, SIGPIPE ignored, rand seeded from the kernel, VTSTARTTIME, CONNTIMEOUT, the
+// work directory with all it holds, VELTRANE_PORT_STR. Once, in main, before anything else of this library.
 //
-// Result  false, with one error line that says why, when the port is none or the work directory cannot be made or could
-//         have been written by another user (it, or a directory above it that lets others swap it).
+// Result  false, with one error line that says why, when the port is none or the work directory cannot be made, could
+//         have been written by another user (it, or a directory above it that lets others swap it), or does not belong
+//         to options.user.
 [[nodiscard]] bool StartProgram(const ProgramOptions &options);
 
 }  // namespace veltrane

@@ -85,28 +85,17 @@ OwnedRval AsData(const Rval &value)
     return OwnedRval(RvalCopy(value));
 }
 
-ExpressionValue And(const EvalContext *ctx, const std::vector<std::string> &expressions)
+// All expressions together: the neutral value when each is that, else the other one. "and" is true when none is false,
+// "or" is false when none is true. All are looked at, so that a malformed one is found wherever it stands.
+ExpressionValue Combine(const EvalContext *ctx, const std::vector<std::string> &expressions, ExpressionValue neutral)
 {
-    ExpressionValue value = EXPRESSION_VALUE_TRUE;
+    ExpressionValue value = neutral;
     for (const std::string &expression : expressions) {
         const ExpressionValue one = CheckClassExpression(ctx, expression.c_str());
         if (one == EXPRESSION_VALUE_ERROR) {
             return one;
         }
-        value = one == EXPRESSION_VALUE_TRUE ? value : one;
-    }
-    return value;
-}
-
-ExpressionValue Or(const EvalContext *ctx, const std::vector<std::string> &expressions)
-{
-    ExpressionValue value = EXPRESSION_VALUE_FALSE;
-    for (const std::string &expression : expressions) {
-        const ExpressionValue one = CheckClassExpression(ctx, expression.c_str());
-        if (one == EXPRESSION_VALUE_ERROR) {
-            return one;
-        }
-        value = one == EXPRESSION_VALUE_FALSE ? value : one;
+        value = one == neutral ? value : one;
     }
     return value;
 }
@@ -121,16 +110,16 @@ ExpressionValue Not(ExpressionValue value)
 ExpressionValue ClassesValue(const EvalContext *ctx, const Promise *expanded)
 {
     if (PromiseGetConstraint(expanded, "expression") != nullptr) {
-        return And(ctx, AttributeTexts(expanded, "expression"));
+        return Combine(ctx, AttributeTexts(expanded, "expression"), EXPRESSION_VALUE_TRUE);
     }
     if (PromiseGetConstraint(expanded, "and") != nullptr) {
-        return And(ctx, AttributeTexts(expanded, "and"));
+        return Combine(ctx, AttributeTexts(expanded, "and"), EXPRESSION_VALUE_TRUE);
     }
     if (PromiseGetConstraint(expanded, "or") != nullptr) {
-        return Or(ctx, AttributeTexts(expanded, "or"));
+        return Combine(ctx, AttributeTexts(expanded, "or"), EXPRESSION_VALUE_FALSE);
     }
     if (PromiseGetConstraint(expanded, "not") != nullptr) {
-        return Not(Or(ctx, AttributeTexts(expanded, "not")));
+        return Not(Combine(ctx, AttributeTexts(expanded, "not"), EXPRESSION_VALUE_FALSE));
     }
     return EXPRESSION_VALUE_ERROR;
 }

@@ -14,8 +14,8 @@ namespace {
 
 using CertificatePtr = std::unique_ptr<X509, Destroyer<X509_free>>;
 
-constexpr long kDay = 24 * 60 * 60;
-constexpr long kMaxCertificateBytes = 16 * 1024;  // a peer's certificate is one of ours: far below
+constexpr long kDay = 24L * 60 * 60;
+constexpr long kMaxCertificateBytes = 16L * 1024;  // a peer's certificate is one of ours: far below
 
 // Edwards curves hash by themselves.
 const EVP_MD *SigningDigest(EVP_PKEY *key)

@@ -5,12 +5,14 @@
 //   then           the payload
 //
 // Over TLS, transactions with status 'm' are gathered until they fill a record; 't' sends all there is, so that between
-// two messages nothing waits on either side. A flush that fails is reported by the call that flushes.
+// two messages nothing waits on either side. A flush that fails is reported by the call that flushes. Each write has
+// its time-out, and all of a message together the time of its SendPace.
 #include <openssl/err.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -76,9 +78,9 @@ int Fail(ConnectionInfo *info, int error)
 }
 
 // 0, or errno.
-int WriteTls(SSL *ssl, const char *bytes, size_t size)
+int WriteTls(SSL *ssl, const char *bytes, size_t size, Deadline deadline)
 {
-    DeadlineBelow below(ssl, veltrane::TransactionDeadline());
+    const DeadlineBelow below(ssl, deadline);
     ERR_clear_error();
     size_t written = 0;
     const int result = SSL_write_ex(ssl, bytes, size, &written);
@@ -90,17 +92,33 @@ int WriteTls(SSL *ssl, const char *bytes, size_t size)
     return error != 0 ? error : EPIPE;
 }
 
+// Write bytes of the message under way. 0, or errno.
+int WriteAtPace(ConnectionInfoInternal_ *internal, const char *bytes, size_t size)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    const Deadline time_out = veltrane::TransactionDeadline();
+    const Deadline deadline = std::min(time_out, begin + internal->pace.TimeFor(size, time_out - begin));
+    int error = 0;
+    if (internal->ssl != nullptr) {
+        error = WriteTls(internal->ssl.get(), bytes, size, deadline);
+    } else if (!veltrane::WriteSocket(internal->socket, bytes, size, deadline)) {
+        error = errno;
+    }
+    internal->pace.Sent(size, std::chrono::steady_clock::now() - begin);
+    return error;
+}
+
 // Send what is gathered: only whole records, or all of it. 0, or errno.
 int Flush(ConnectionInfoInternal_ *internal, bool all)
 {
     size_t sent = 0;
     int error = 0;
     while (error == 0 && internal->gathered.size() - sent >= kRecordSize) {
-        error = WriteTls(internal->ssl.get(), internal->gathered.data() + sent, kRecordSize);
+        error = WriteAtPace(internal, internal->gathered.data() + sent, kRecordSize);
         sent += kRecordSize;
     }
     if (error == 0 && all && sent < internal->gathered.size()) {
-        error = WriteTls(internal->ssl.get(), internal->gathered.data() + sent, internal->gathered.size() - sent);
+        error = WriteAtPace(internal, internal->gathered.data() + sent, internal->gathered.size() - sent);
         sent = internal->gathered.size();
     }
     internal->gathered.erase(0, sent);
@@ -207,10 +225,11 @@ int SendTransaction(ConnectionInfo *info, const char *buffer, int length, char s
     if (internal->ssl != nullptr) {
         error = Flush(internal, status == 't');
     } else {
-        const bool written = veltrane::WriteSocket(internal->socket, internal->gathered.data(),
-                                                   internal->gathered.size(), veltrane::TransactionDeadline());
-        error = written ? 0 : errno;
+        error = WriteAtPace(internal, internal->gathered.data(), internal->gathered.size());
         internal->gathered.clear();
+    }
+    if (status == 't') {
+        internal->pace.Restart();
     }
     return error == 0 ? 0 : Fail(info, error);
 }

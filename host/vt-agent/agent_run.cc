@@ -27,7 +27,6 @@
 #include "libveltrane/evaluator.h"
 #include "libveltrane/policy_control.h"
 #include "libveltrane/promise_attributes.h"
-#include "libveltrane/safe_path.h"
 #include "vt-agent/commands.h"
 #include "vt-agent/reports.h"
 
@@ -65,27 +64,6 @@ bool IsThere(const std::string &path)
 {
     struct stat status {};
     return lstat(path.c_str(), &status) == 0;
-}
-
-// A new policy, or nullptr with an error line. Every file that holds a bundle of it must be ours alone to write.
-PolicyPtr ReadPolicy(const std::string &path)
-{
-    std::string unsafe = WhyUnsafe(path);
-    char *error = nullptr;
-    PolicyPtr policy(unsafe.empty() ? PolicyParseFile(path.c_str(), &error) : nullptr);
-    const TextPtr owner(error);
-    for (size_t i = 0; policy != nullptr && unsafe.empty() && i < SeqLength(policy->bundles); ++i) {
-        const char *source = static_cast<const Bundle *>(SeqAt(policy->bundles, i))->source_path;
-        unsafe = source != nullptr ? WhyUnsafe(source) : "";
-    }
-    if (!unsafe.empty()) {
-        Log(LOG_LEVEL_ERR, "The policy '%s' is refused: %s", path.c_str(), unsafe.c_str());
-        return nullptr;
-    }
-    if (policy == nullptr) {
-        Log(LOG_LEVEL_ERR, "%s", error);
-    }
-    return policy;
 }
 
 // A promise type of the language that this agent has no means to keep: said, so that nobody takes it for kept.

@@ -13,6 +13,7 @@ constexpr int kWrongUsage = 2;
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): thrown while options are declared, it is our mistake and ends us
 int main(int argc, char **argv)
 {
     CLI::App app("Keeps the promises of a policy on this machine and reports what it found.", "vt-agent");

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -16,10 +17,11 @@ ConnectionThreads::ConnectionThreads(std::function<void(int fd)> serve, std::fun
 
 ConnectionThreads::~ConnectionThreads() { Stop(std::chrono::milliseconds(0)); }
 
-bool ConnectionThreads::Start(int fd)
+bool ConnectionThreads::Start(int fd, const std::string &network)
 {
     Connection &connection = connections_.emplace_back();
     connection.fd = fd;
+    connection.network = network;
     {
         const std::lock_guard lock(mutex_);
         ++running_;
@@ -70,6 +72,13 @@ void ConnectionThreads::Join()
         connection->thread.join();
         connection = connections_.erase(connection);
     }
+}
+
+size_t ConnectionThreads::CountOf(const std::string &network) const
+{
+    return static_cast<size_t>(
+        std::count_if(connections_.begin(), connections_.end(),
+                      [&network](const Connection &connection) { return connection.network == network; }));
 }
 
 void ConnectionThreads::ShutdownAll(int how)

@@ -10,6 +10,7 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <string>
 #include <thread>
 
 namespace vtserverd {
@@ -25,14 +26,18 @@ class ConnectionThreads {
 
     // The rest is for the main thread.
 
-    // Serve a socket in a thread of its own. Takes over fd. false, with errno, when there is no thread to be had.
-    [[nodiscard]] bool Start(int fd);
+    // Serve a socket in a thread of its own, for a peer at this network (see CountOf). Takes over fd. false, with
+    // errno, when there is no thread to be had.
+    [[nodiscard]] bool Start(int fd, const std::string &network);
 
     // Join the threads that are through.
     void Join();
 
     // Connections that are not joined yet.
     size_t Count() const { return connections_.size(); }
+
+    // Those of them that peers of one network hold, under the name they were started with.
+    size_t CountOf(const std::string &network) const;
 
     // End all: no further request is read; answers under way may take up to patience to end, then they are cut off.
     void Stop(std::chrono::milliseconds patience);
@@ -42,6 +47,7 @@ class ConnectionThreads {
         std::mutex mutex;      // guards fd
         int fd = -1;           // -1 once closed
         bool through = false;  // guarded by the pool's mutex
+        std::string network;   // of the peer
         std::thread thread;
     };
 

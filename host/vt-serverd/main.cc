@@ -8,9 +8,11 @@
 #include <veltrane/entry_points.h>
 #include <veltrane/globals.h>
 #include <veltrane/known_dirs.h>
+#include <veltrane/logging.h>
 #include <veltrane/net.h>
 #include <veltrane/owned.h>
 
+#include "libveltrane/privilege.h"
 #include "libveltrane/program.h"
 #include "libveltrane/trust_commands.h"
 #include "vt-serverd/server_daemon.h"
@@ -44,6 +46,11 @@ void DescribeOptions(CLI::App &app, Arguments &arguments)
     app.add_flag_callback("-I,--inform", raise(LOG_LEVEL_INFO), "Say what is done");
     app.add_flag_callback("-v,--verbose", raise(LOG_LEVEL_VERBOSE), "Say more");
     app.add_flag_callback("-d,--debug", raise(LOG_LEVEL_DEBUG), "Say everything");
+    app.add_option("--timeout", arguments.program.timeout_seconds,
+                   "Seconds that a peer may take for each step, 1 to 3600 (30)")
+        ->check(CLI::Range(1, 3600));
+    app.add_option("--user", arguments.program.user,
+                   "Run as this user, whose the work directory must be (started as root)");
     app.add_flag("--fips", arguments.program.fips, "Run in FIPS mode");
     app.add_flag("-V,--version", arguments.version, "Print the version and end");
 }
@@ -52,6 +59,10 @@ void DescribeCommands(CLI::App &app, Arguments &arguments)
 {
     app.require_subcommand(0, 1);
     app.fallthrough();  // options may stand before or after the command
+    app.footer(
+        "The daemon runs no program: the policy function execresult fails in it. It keeps no privilege of root but "
+        "its\n"
+        "user's files. An address may hold half of max_connections, the connections that policy lets be open.");
     app.add_subcommand("run", "Serve in the foreground until SIGTERM; SIGHUP reads the policy again (the default)");
     app.add_subcommand("key", "Print this host's key and where its public part lies");
     CLI::App *trust = app.add_subcommand("trust", "The keys that may connect");
@@ -85,6 +96,15 @@ int Serve(const Arguments &arguments)
     return status;
 }
 
+bool Become(const std::string &user)
+{
+    const std::string why = veltrane::BecomeUser(user);
+    if (!why.empty()) {
+        Log(LOG_LEVEL_ERR, "Could not become user '%s'. (%s)", user.c_str(), why.c_str());
+    }
+    return why.empty();
+}
+
 int Trust(const CLI::App &trust, const Arguments &arguments)
 {
     if (trust.got_subcommand("add")) {
@@ -109,6 +129,7 @@ int Run(const CLI::App &app, const Arguments &arguments)
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): thrown while options are declared, it is our mistake and ends us
 int main(int argc, char **argv)
 {
     Arguments arguments;
@@ -122,6 +143,9 @@ int main(int argc, char **argv)
     }
     if (!arguments.port.empty() && arguments.port != "0") {
         arguments.program.port = arguments.port;
+    }
+    if (!arguments.program.user.empty() && !Become(arguments.program.user)) {
+        return kFailure;
     }
     if (!veltrane::StartProgram(arguments.program)) {
         return kFailure;

@@ -44,22 +44,11 @@ veltrane::AccessRules Evaluate(EvalContext *ctx, const Policy *policy)
     return rules;
 }
 
-veltrane::PolicyPtr Parse(const std::string &path)
-{
-    char *error = nullptr;
-    veltrane::PolicyPtr policy(PolicyParseFile(path.c_str(), &error));
-    const veltrane::TextPtr owned(error);
-    if (policy == nullptr) {
-        Log(LOG_LEVEL_ERR, "%s", error);
-    }
-    return policy;
-}
-
 }  // namespace
 
 bool ServedPolicy::Load(const std::string &path)
 {
-    veltrane::PolicyPtr policy = Parse(path);
+    veltrane::PolicyPtr policy = veltrane::ReadPolicy(path);
     if (policy == nullptr) {
         return false;
     }

@@ -4,17 +4,21 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <utility>
 
 #include <veltrane/errors.h>
+#include <veltrane/extension.h>
 #include <veltrane/logging.h>
 #include <veltrane/net.h>
 
 #include "libveltrane/daemon_signal.h"
 #include "libveltrane/net_address.h"
+#include "libveltrane/policy_functions.h"
+#include "libveltrane/privilege.h"
 #include "vt-serverd/requests.h"
 
 namespace vtserverd {
@@ -63,11 +67,40 @@ bool ServerDaemon::Start()
         Log(LOG_LEVEL_ERR, "Could not catch signals. (sigaction: %s)", GetErrorStr());
         return false;
     }
-    if (!policy_.Load(options_.policy_file)) {
+    if (!Bind()) {
+        return false;
+    }
+    (void)enterprise_library();  // a plug-in may do at its loading what the sandbox refuses
+    if (!Confine() || !policy_.Load(options_.policy_file)) {
         return false;
     }
     vtnet_Init();
     return vtnet_IsInitialized() && Listen();
+}
+
+bool ServerDaemon::Confine()
+{
+    veltrane::RefuseCommandsOfPolicy("the server daemon runs no commands");
+    const std::string why = veltrane::EnterSandbox();
+    if (!why.empty()) {
+        Log(LOG_LEVEL_ERR, "Could not give up privileges. (%s)", why.c_str());
+    }
+    return why.empty();
+}
+
+bool ServerDaemon::Bind()
+{
+    listener_ = veltrane::OpenBoundSocket(options_.bind_address.c_str(), options_.port.c_str());
+    if (listener_ < 0) {
+        LogNoListener();
+    }
+    return listener_ >= 0;
+}
+
+void ServerDaemon::LogNoListener() const
+{
+    Log(LOG_LEVEL_ERR, "Could not listen on '%s' port %s. (bind: %s)", options_.bind_address.c_str(),
+        options_.port.c_str(), GetErrorStr());
 }
 
 bool ServerDaemon::Listen()
@@ -77,15 +110,18 @@ bool ServerDaemon::Listen()
         StopListening();
         return true;
     }
-    if (listener_ >= 0) {
+    if (listening_) {
         return true;
     }
-    listener_ = veltrane::OpenListeningSocket(kListenQueue, options_.bind_address.c_str(), options_.port.c_str());
-    if (listener_ < 0) {
-        Log(LOG_LEVEL_ERR, "Could not listen on '%s' port %s. (bind: %s)", options_.bind_address.c_str(),
-            options_.port.c_str(), GetErrorStr());
+    if (listener_ < 0 && !Bind()) {
         return false;
     }
+    if (!veltrane::Listen(listener_, kListenQueue)) {
+        LogNoListener();
+        StopListening();
+        return false;
+    }
+    listening_ = true;
     std::printf("Listening on %s\n", veltrane::LocalAddressAndPort(listener_).c_str());
     std::fflush(stdout);
     return true;
@@ -93,6 +129,7 @@ bool ServerDaemon::Listen()
 
 void ServerDaemon::StopListening()
 {
+    listening_ = false;
     if (listener_ >= 0) {
         close(std::exchange(listener_, -1));
     }
@@ -161,15 +198,19 @@ void ServerDaemon::AcceptAll()
 void ServerDaemon::Serve(int fd, size_t max_connections)
 {
     connections_.Join();
-    if (connections_.Count() >= max_connections) {
+    const std::string address = veltrane::PeerAddress(fd);
+    const std::string network = veltrane::NetworkOf(address);
+    const size_t from_there = connections_.CountOf(network);
+    const bool full = connections_.Count() >= max_connections;
+    if (full || from_there >= std::max<size_t>(max_connections / 2, 1)) {
         if (too_many_.Allows()) {
-            Log(LOG_LEVEL_WARNING, "Closed a connection from %s at once: %zu are open already",
-                veltrane::PeerAddress(fd).c_str(), connections_.Count());
+            Log(LOG_LEVEL_WARNING, "Closed a connection from %s at once: %zu are open already%s", address.c_str(),
+                full ? connections_.Count() : from_there, full ? "" : " from there");
         }
         close(fd);
         return;
     }
-    if (!connections_.Start(fd) && accept_failed_.Allows()) {
+    if (!connections_.Start(fd, network) && accept_failed_.Allows()) {
         Log(LOG_LEVEL_ERR, "Could not serve a connection. (pthread_create: %s)", GetErrorStr());
     }
 }

@@ -1,8 +1,13 @@
 // The daemon's main loop: it listens, gives each connection a thread, reads its policy again on SIGHUP, and ends on
 // SIGTERM or SIGINT.
 //
-// Peers cannot hold it up: the number of connections is bounded, every read and write of theirs ends at its time-out,
-// and beyond the bound a connection is closed at once.
+// Peers cannot hold it up: the number of connections is bounded by max_connections, and half of that for the peers of
+// one address, so that one that is silent or slow leaves room for others; an IPv6 address counts by its first 64 bits,
+// for a peer may have all that share them. Beyond a bound a connection is closed at once. Every read and write ends at
+// its time-out, and a whole answer at its pace (send_pace.h).
+//
+// It enters its sandbox (privilege.h) once its port is bound and the plug-in is loaded: policy and peers are read
+// inside. A port below 1024 that the policy closes cannot be opened again by a reload, therefore.
 #ifndef HOST_VT_SERVERD_SERVER_DAEMON_H
 #define HOST_VT_SERVERD_SERVER_DAEMON_H
 
@@ -47,7 +52,10 @@ class ServerDaemon {
 
   private:
     bool Start();
-    bool Listen();  // or stop listening, as the policy says; false after an error line
+    bool Bind();     // false after an error line
+    bool Confine();  // false after an error line
+    bool Listen();   // or stop listening, as the policy says; false after an error line
+    void LogNoListener() const;
     void StopListening();
     void Loop();
     void Reload();
@@ -57,7 +65,8 @@ class ServerDaemon {
     DaemonOptions options_;
     ServedPolicy policy_;
     ConnectionThreads connections_;
-    int listener_ = -1;
+    int listener_ = -1;  // bound; listening when listening_
+    bool listening_ = false;
     bool accept_paused_ = false;  // the process is out of descriptors
     RateLimit too_many_{std::chrono::seconds(10)};
     RateLimit accept_failed_{std::chrono::seconds(10)};

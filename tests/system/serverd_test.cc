@@ -569,9 +569,9 @@ TEST_F(Daemon, NoReloadLetsAnAnswerOutUnfiltered)
     EXPECT_EQ(wrong, 0);
 }
 
-TEST_F(Daemon, BeyondItsBoundAConnectionIsClosedAtOnceWithOneLine)
+TEST_F(Daemon, BeyondItsBoundAnAddressesConnectionIsClosedAtOnceWithOneLine)
 {
-    SetPolicy(Admit("delta", own_key), "    max_connections: 2\n");
+    SetPolicy(Admit("delta", own_key), "    max_connections: 4\n");
     StartTrusting();
     AgentPtr first = Connect();
     const AgentPtr second = Connect();
@@ -580,7 +580,7 @@ TEST_F(Daemon, BeyondItsBoundAConnectionIsClosedAtOnceWithOneLine)
         const Descriptor further = ConnectLoopback(port);
         EXPECT_EQ(ReadToEnd(further.Get()), "") << "closed though it is silent";
     }
-    const std::string line = "Closed a connection from 127.0.0.1 at once: 2 are open already";
+    const std::string line = "Closed a connection from 127.0.0.1 at once: 2 are open already from there";
     ASSERT_TRUE(Says(line));
 
     first.reset();  // its place is free as soon as the daemon has seen it go

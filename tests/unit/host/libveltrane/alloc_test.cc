@@ -1,19 +1,28 @@
 // Memory: what is asked for is there, or the process ends with a critical line.
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <new>
 #include <string>
 
+#include <sys/resource.h>
+
 #include <gtest/gtest.h>
+#include <openssl/crypto.h>
 
 #include <veltrane/alloc.h>
 #include <veltrane/owned.h>
 
+#include "libveltrane/out_of_memory.h"
+
 using veltrane::TextPtr;
 
-// Under the address sanitizer a request for too much memory must fail as it does without it.
-extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1"; }
+// Under a sanitizer a request for too much memory must fail as it does without it, and much is less there: the address
+// space of such a process cannot be limited.
+extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=256"; }
+extern "C" const char *__tsan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=256"; }
 
 namespace {
 
@@ -22,6 +31,29 @@ size_t TooMuch()
 {
     volatile size_t size = PTRDIFF_MAX - 4096;
     return size;
+}
+
+// From here on there is less than a gigabyte for this process; a sanitizer, which maps terabytes, has its own limit.
+void LimitMemory()
+{
+    size_t mapped_pages = 0;
+    std::ifstream("/proc/self/statm") >> mapped_pages;
+    const rlim_t gigabyte = rlim_t{1} << 30;
+    if (mapped_pages < gigabyte / 4096) {
+        const struct rlimit limit = {gigabyte, gigabyte};
+        setrlimit(RLIMIT_AS, &limit);
+    }
+}
+
+// A stream of this byte without an end.
+FILE *EndlessLine()
+{
+    cookie_io_functions_t functions = {};
+    functions.read = [](void *, char *to, size_t size) -> ssize_t {
+        memset(to, 'x', size);
+        return static_cast<ssize_t>(size);
+    };
+    return fopencookie(nullptr, "r", functions);
 }
 
 TEST(Alloc, NoBytesAreStillAnAddress)
@@ -103,6 +135,48 @@ TEST(AllocDeathTest, ACountTimesASizeThatOverflowsIsTooMuch)
 {
     EXPECT_EXIT(xcalloc(TooMuch(), 16), testing::ExitedWithCode(255),
                 "Out of memory: " + std::to_string(SIZE_MAX) + " bytes are not to be had");
+}
+
+TEST(Alloc, LinesComeUpToTheEndOfTheFile)
+{
+    const veltrane::FilePtr file(tmpfile());
+    fputs("one\ntwo", file.get());
+    rewind(file.get());
+    char *line = nullptr;
+    size_t room = 0;
+
+    EXPECT_EQ(veltrane::xgetline(&line, &room, file.get()), 4);
+    EXPECT_STREQ(line, "one\n");
+    EXPECT_EQ(veltrane::xgetline(&line, &room, file.get()), 3);
+    EXPECT_STREQ(line, "two");
+    EXPECT_EQ(veltrane::xgetline(&line, &room, file.get()), -1);
+    free(line);
+}
+
+TEST(AllocDeathTest, ALineTooLongForTheMemoryIsNotTakenForTheEndOfTheFile)
+{
+    const auto read_it = [] {
+        LimitMemory();
+        char *line = nullptr;
+        size_t room = 0;
+        (void)veltrane::xgetline(&line, &room, EndlessLine());
+        exit(0);
+    };
+    EXPECT_EXIT(read_it(), testing::ExitedWithCode(255), "Out of memory");
+}
+
+TEST(AllocDeathTest, OpenSslThatRunsOutOfMemoryEndsTheProcessAlike)
+{
+    EXPECT_EXIT(OPENSSL_malloc(TooMuch()), testing::ExitedWithCode(255), "Out of memory: [0-9]+ bytes");
+    EXPECT_EXIT(OPENSSL_realloc(nullptr, TooMuch()), testing::ExitedWithCode(255), "Out of memory: [0-9]+ bytes");
+}
+
+TEST(Alloc, OpenSslFreesByAskingForNothing)
+{
+    void *memory = OPENSSL_malloc(8);
+
+    ASSERT_NE(memory, nullptr);
+    EXPECT_EQ(OPENSSL_realloc(memory, 0), nullptr);
 }
 
 TEST(AllocDeathTest, ContainersThatRunOutOfMemoryEndTheProcessAlike)

@@ -8,19 +8,13 @@
 #include <veltrane/rlist.h>
 
 #include "support/network.h"
+#include "support/texts.h"
 
 namespace {
 
 using veltrane::RlistPtr;
 
 using ConnectionCache = NetworkTest;
-
-RlistPtr Keys(const std::string &identity)
-{
-    Rlist *list = nullptr;
-    RlistAppendScalar(&list, identity.c_str());
-    return RlistPtr(list);
-}
 
 TEST_F(ConnectionCache, ACachedConnectionServesTheNextCaller)
 {
@@ -77,7 +71,7 @@ TEST_F(ConnectionCache, ACachedConnectionIsNotLentToWhoWantsAnotherKey)
     flags.cache_connection = true;
     ServeProperly();
     Connect(flags).reset();
-    const RlistPtr other = Keys(ForeignHost().identity);
+    const RlistPtr other = RlistOf({ForeignHost().identity});
     ServeProperly();
     EXPECT_EQ(Connect(flags, other.get()), nullptr);
     EXPECT_EQ(error, -3);

@@ -30,6 +30,9 @@ class Evaluator : public testing::Test {
         evaluation.actuators["reports"] = [this](EvalContext *, const Promise *expanded) {
             const std::string text = expanded->promiser;
             reports.push_back(text);
+            if (const char *file = veltrane::AttributeText(expanded, "to_file"); file != nullptr) {
+                files.emplace_back(file);
+            }
             return text.starts_with("repair") ? PROMISE_RESULT_CHANGE
                    : text.starts_with("warn") ? PROMISE_RESULT_WARN
                    : text.starts_with("fail") ? PROMISE_RESULT_FAIL
@@ -71,11 +74,25 @@ class Evaluator : public testing::Test {
     veltrane::PolicyPtr policy;
     veltrane::Evaluation evaluation;
     std::vector<std::string> reports;
+    std::vector<std::string> files;  // of those reports that go to one
     std::vector<std::string> outcomes;
     LogCapture log;
 };
 
 }  // namespace
+
+TEST_F(Evaluator, APolicyIsReadOrItsMistakeIsToldOnce)
+{
+    const std::string path = (work_dir.path / "inputs/policy.vt").string();
+    WriteFile(path, "bundles:\n  - agent: main\n");
+    EXPECT_NE(veltrane::ReadPolicy(path), nullptr);
+    EXPECT_THAT(log.UpTo(LOG_LEVEL_NOTICE), IsEmpty());
+
+    WriteFile(path, "bundles:\n  - agent: main\n    promise: []\n");
+    EXPECT_EQ(veltrane::ReadPolicy(path), nullptr);
+    EXPECT_THAT(log.UpTo(LOG_LEVEL_NOTICE),
+                ElementsAre(Pair(LOG_LEVEL_ERR, path + ":3:5: unknown key 'promise' of a bundle")));
+}
 
 TEST_F(Evaluator, KeepsPromisesInTheOrderOfTheFile)
 {
@@ -369,11 +386,6 @@ TEST_F(Evaluator, SeveralListsGiveEveryPairTheFirstChangingSlowest)
 
 TEST_F(Evaluator, AListInAnAttributeIteratesAsWell)
 {
-    std::vector<std::string> files;
-    evaluation.actuators["reports"] = [&files](EvalContext *, const Promise *expanded) {
-        files.emplace_back(veltrane::AttributeText(expanded, "to_file"));
-        return PROMISE_RESULT_NOOP;
-    };
     Main(R"j(
       - vars: list
         slist: [a, b]
@@ -402,11 +414,6 @@ TEST_F(Evaluator, AnEmptyListGivesNoIterationUntilItHasItems)
 
 TEST_F(Evaluator, ThisPromiserIsTheExpandedPromiser)
 {
-    std::vector<std::string> files;
-    evaluation.actuators["reports"] = [&files](EvalContext *, const Promise *expanded) {
-        files.emplace_back(veltrane::AttributeText(expanded, "to_file"));
-        return PROMISE_RESULT_NOOP;
-    };
     Main(R"j(
       - vars: list
         slist: [a, b]

@@ -185,4 +185,35 @@ TEST(Addresses, ASocketPairHasNone)
     EXPECT_EQ(veltrane::PeerAddress(-1), "");
 }
 
+TEST(NetworkOf, AnIpv4AddressIsItsOwnNetwork)
+{
+    EXPECT_NE(veltrane::NetworkOf("10.0.0.1"), veltrane::NetworkOf("10.0.0.2"));
+    EXPECT_EQ(veltrane::NetworkOf("10.0.0.1"), veltrane::NetworkOf("10.0.0.1"));
+}
+
+TEST(NetworkOf, Ipv6AddressesWithTheSame64BitsAreOneNetwork)
+{
+    EXPECT_EQ(veltrane::NetworkOf("2001:db8::1"), veltrane::NetworkOf("2001:db8::ffff:1"));
+    EXPECT_NE(veltrane::NetworkOf("2001:db8::1"), veltrane::NetworkOf("2001:db8:0:1::1"));
+    EXPECT_EQ(veltrane::NetworkOf("fe80::1%lo"), veltrane::NetworkOf("fe80::2"));
+    EXPECT_NE(veltrane::NetworkOf("::1"), veltrane::NetworkOf("127.0.0.1"));
+}
+
+TEST(NetworkOf, WhatIsNoAddressHasNone)
+{
+    EXPECT_EQ(veltrane::NetworkOf(""), "");
+    EXPECT_EQ(veltrane::NetworkOf("localhost"), "");
+}
+
+TEST(Listening, ABoundSocketAnswersNobodyUntilItListens)
+{
+    const Descriptor fd(veltrane::OpenBoundSocket("127.0.0.1", "0"));
+    const std::string address = veltrane::LocalAddressAndPort(fd.Get());
+    const std::string port = address.substr(address.rfind(':') + 1);
+    EXPECT_THROW(ConnectLoopback(port), std::runtime_error);
+    ASSERT_TRUE(veltrane::Listen(fd.Get(), 8));
+    EXPECT_NO_THROW(ConnectLoopback(port));
+    EXPECT_FALSE(veltrane::Listen(-1, 8));
+}
+
 }  // namespace

@@ -9,6 +9,7 @@
 #include "libveltrane/eval_context_internal.h"
 #include "libveltrane/promise_attributes.h"
 #include "support/log_capture.h"
+#include "support/texts.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -17,13 +18,6 @@ using testing::Pair;
 namespace {
 
 Rval Scalar(const char *text) { return RvalNew(text, RVAL_TYPE_SCALAR); }
-
-Rval List(const std::vector<std::string> &items)
-{
-    Rlist *list = nullptr;
-    for (const std::string &item : items) { RlistAppendScalar(&list, item.c_str()); }
-    return Rval{list, RVAL_TYPE_LIST};
-}
 
 Rval Json(const char *text)
 {
@@ -83,9 +77,9 @@ TEST_F(VarsAndClasses, AVariableOfEachTypeIsStoredInItsBundle)
     EXPECT_EQ(Vars("s", "string", Scalar("text")), PROMISE_RESULT_NOOP);
     EXPECT_EQ(Vars("i", "int", Scalar("-5")), PROMISE_RESULT_NOOP);
     EXPECT_EQ(Vars("r", "real", Scalar("2.5")), PROMISE_RESULT_NOOP);
-    EXPECT_EQ(Vars("sl", "slist", List({"a", "b"})), PROMISE_RESULT_NOOP);
-    EXPECT_EQ(Vars("il", "ilist", List({"1"})), PROMISE_RESULT_NOOP);
-    EXPECT_EQ(Vars("rl", "rlist", List({"1.5"})), PROMISE_RESULT_NOOP);
+    EXPECT_EQ(Vars("sl", "slist", ListRval({"a", "b"})), PROMISE_RESULT_NOOP);
+    EXPECT_EQ(Vars("il", "ilist", ListRval({"1"})), PROMISE_RESULT_NOOP);
+    EXPECT_EQ(Vars("rl", "rlist", ListRval({"1.5"})), PROMISE_RESULT_NOOP);
     EXPECT_EQ(Vars("d", "data", Json(R"({"k":[1]})")), PROMISE_RESULT_NOOP);
 
     EXPECT_EQ(Stored("main", "s"), "0 text source=promise");
@@ -110,7 +104,7 @@ TEST_F(VarsAndClasses, AVariableMayHaveIndices)
 TEST_F(VarsAndClasses, TagsAreTheSourceAndThenTheMetaTags)
 {
     Promise *pp = New("vars", "owner", "string", Scalar("ops"));
-    PromiseAppendConstraint(pp, "meta", List({"inventory", "attribute_name=Owner"}));
+    PromiseAppendConstraint(pp, "meta", ListRval({"inventory", "attribute_name=Owner"}));
 
     EXPECT_EQ(veltrane::KeepVarsPromise(ctx.get(), pp), PROMISE_RESULT_NOOP);
 
@@ -121,8 +115,8 @@ TEST_F(VarsAndClasses, AValueThatIsNoneOfItsTypeIsNotStored)
 {
     EXPECT_EQ(Vars("i", "int", Scalar("five")), PROMISE_RESULT_FAIL);
     EXPECT_EQ(Vars("r", "real", Scalar("2,5")), PROMISE_RESULT_FAIL);
-    EXPECT_EQ(Vars("il", "ilist", List({"1", "x"})), PROMISE_RESULT_FAIL);
-    EXPECT_EQ(Vars("s", "string", List({"a"})), PROMISE_RESULT_FAIL);
+    EXPECT_EQ(Vars("il", "ilist", ListRval({"1", "x"})), PROMISE_RESULT_FAIL);
+    EXPECT_EQ(Vars("s", "string", ListRval({"a"})), PROMISE_RESULT_FAIL);
     EXPECT_EQ(Vars("sl", "slist", Scalar("a")), PROMISE_RESULT_FAIL);
     EXPECT_EQ(Vars("d", "data", Scalar("{")), PROMISE_RESULT_FAIL);
 
@@ -134,7 +128,7 @@ TEST_F(VarsAndClasses, AValueThatIsNoneOfItsTypeIsNotStored)
 TEST_F(VarsAndClasses, DataMayComeAsTextOrAsAList)
 {
     EXPECT_EQ(Vars("text", "data", Scalar(" {\"a\": 1} ")), PROMISE_RESULT_NOOP);
-    EXPECT_EQ(Vars("list", "data", List({"a", "b"})), PROMISE_RESULT_NOOP);
+    EXPECT_EQ(Vars("list", "data", ListRval({"a", "b"})), PROMISE_RESULT_NOOP);
 
     EXPECT_EQ(Stored("main", "text"), "6 {\"a\":1} source=promise");
     EXPECT_EQ(Stored("main", "list"), "6 [\"a\",\"b\"] source=promise");
@@ -171,10 +165,10 @@ TEST_F(VarsAndClasses, AndNeedsAllOrNeedsOneNotNeedsNone)
     EvalContextClassPutHard(ctx.get(), "a", nullptr);
     EvalContextClassPutHard(ctx.get(), "b", nullptr);
 
-    EXPECT_EQ(Classes("and_yes", "and", List({"a", "b"})), PROMISE_RESULT_NOOP);
-    EXPECT_EQ(Classes("and_no", "and", List({"a", "c"})), PROMISE_RESULT_SKIPPED);
-    EXPECT_EQ(Classes("or_yes", "or", List({"c", "b"})), PROMISE_RESULT_NOOP);
-    EXPECT_EQ(Classes("or_no", "or", List({"c", "d"})), PROMISE_RESULT_SKIPPED);
+    EXPECT_EQ(Classes("and_yes", "and", ListRval({"a", "b"})), PROMISE_RESULT_NOOP);
+    EXPECT_EQ(Classes("and_no", "and", ListRval({"a", "c"})), PROMISE_RESULT_SKIPPED);
+    EXPECT_EQ(Classes("or_yes", "or", ListRval({"c", "b"})), PROMISE_RESULT_NOOP);
+    EXPECT_EQ(Classes("or_no", "or", ListRval({"c", "d"})), PROMISE_RESULT_SKIPPED);
     EXPECT_EQ(Classes("not_yes", "not", Scalar("c")), PROMISE_RESULT_NOOP);
     EXPECT_EQ(Classes("not_no", "not", Scalar("a")), PROMISE_RESULT_SKIPPED);
     EXPECT_EQ(Classes("one", "or", Scalar("a|c")), PROMISE_RESULT_NOOP);
@@ -227,7 +221,7 @@ TEST_F(VarsAndClasses, AClassIsSoftAndCarriesItsTags)
 {
     EvalContextClassPutHard(ctx.get(), "any", nullptr);
     Promise *pp = New("classes", "web-server", "expression", Scalar("any"));
-    PromiseAppendConstraint(pp, "meta", List({"report"}));
+    PromiseAppendConstraint(pp, "meta", ListRval({"report"}));
     ASSERT_EQ(veltrane::KeepClassesPromise(ctx.get(), pp), PROMISE_RESULT_NOOP);
 
     const veltrane::ClassTableIteratorPtr soft(EvalContextClassTableIteratorNewGlobal(ctx.get(), nullptr, false, true));
@@ -252,7 +246,7 @@ TEST_F(VarsAndClasses, OutcomeClassesAreThoseOfThePromise)
 TEST_F(VarsAndClasses, AttributesAreReadInTheShapeThatIsAskedFor)
 {
     Promise *pp = New("commands", "x", "text", Scalar("t"));
-    PromiseAppendConstraint(pp, "list", List({"a", "b"}));
+    PromiseAppendConstraint(pp, "list", ListRval({"a", "b"}));
     PromiseAppendConstraint(pp, "yes", Scalar("yes"));
     PromiseAppendConstraint(pp, "true", Scalar("true"));
     PromiseAppendConstraint(pp, "false", Scalar("false"));

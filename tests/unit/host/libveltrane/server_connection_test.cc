@@ -16,6 +16,7 @@
 #include "libveltrane/keys.h"
 #include "support/log_capture.h"
 #include "support/network.h"
+#include "support/texts.h"
 
 namespace {
 
@@ -28,13 +29,6 @@ using veltrane::SslPtr;
 using veltrane::TlsRole;
 
 using Network = NetworkTest;
-
-RlistPtr Keys(const std::string &identity)
-{
-    Rlist *list = nullptr;
-    RlistAppendScalar(&list, identity.c_str());
-    return RlistPtr(list);
-}
 
 TEST_F(Network, BothSidesAgreeOnTheNewestVersionAndKnowEachOther)
 {
@@ -146,12 +140,12 @@ TEST_F(Network, TrustServerTrustsAKeyNotSeenBefore)
 TEST_F(Network, OnlyTheKeysOfTheListAreTakenHoweverTrusted)
 {
     ServeProperly();
-    const RlistPtr other = Keys(ForeignHost().identity);
+    const RlistPtr other = RlistOf({ForeignHost().identity});
     EXPECT_EQ(Connect({}, other.get()), nullptr);
     EXPECT_EQ(error, -3);
     EXPECT_EQ(failure, EACCES);
     ServeProperly();
-    const RlistPtr own = Keys(OwnIdentity());
+    const RlistPtr own = RlistOf({OwnIdentity()});
     EXPECT_NE(Connect({}, own.get()), nullptr);
 }
 
@@ -163,7 +157,7 @@ TEST_F(Network, AKeyOfTheListIsNotTrustedForThat)
         EXPECT_EQ(veltrane::TlsHandshake(*stranger.contexts, TlsRole::server, fd.Get(), &ssl), 0);
         ReadToEnd(fd.Get());
     });
-    const RlistPtr keys = Keys(stranger.identity);
+    const RlistPtr keys = RlistOf({stranger.identity});
     EXPECT_EQ(Connect({}, keys.get()), nullptr);
     EXPECT_EQ(error, -3);
 }

@@ -284,7 +284,7 @@ TEST_F(Agent, RefusesAPolicyThatOthersMayWrite)
 
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.out, IsEmpty());
-    EXPECT_THAT(result.err, HasSubstr("is refused: '" + path + "' is writable by other users\n"));
+    EXPECT_THAT(result.err, HasSubstr("/inputs/promises.vt: '" + path + "' is writable by other users\n"));
 }
 
 TEST_F(Agent, RefusesAnIncludedPolicyThatOthersMayWrite)

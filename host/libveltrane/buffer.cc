@@ -1,7 +1,7 @@
 // Growing bytes behind the C interface; see byte_buffer.h.
 #include <veltrane/buffer.h>
 
-#include "byte_buffer.h"
+#include "libveltrane/byte_buffer.h"
 
 struct Buffer_ {
     veltrane::ByteBuffer bytes;

@@ -8,7 +8,7 @@
 
 #include <veltrane/string_lib.h>
 
-#include "eval_context_internal.h"
+#include "libveltrane/eval_context_internal.h"
 
 namespace {
 

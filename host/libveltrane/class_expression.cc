@@ -1,11 +1,11 @@
 // Class expressions are read once from left to right, with one level of a stack for each open parenthesis instead of
 // recursion, so that no text can exhaust the program's own stack.
-#include "class_expression.h"
+#include "libveltrane/class_expression.h"
 
 #include <utility>
 #include <vector>
 
-#include "eval_context_internal.h"
+#include "libveltrane/eval_context_internal.h"
 
 namespace veltrane {
 namespace {

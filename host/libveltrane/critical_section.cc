@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -120,7 +119,8 @@ bool WaitForCriticalSection(const char *name)
     Section *const section = SectionOf(canonified);
     const int error = pthread_mutex_lock(&section->mutex);
     if (error != 0) {
-        ProgrammingError("Critical section '%s' could not be entered. (pthread_mutex_lock: %s)", name, strerror(error));
+        errno = error;
+        ProgrammingError("Critical section '%s' could not be entered. (pthread_mutex_lock: %s)", name, GetErrorStr());
     }
     section->fd = EnterAgainstProcesses(name, canonified);
     return section->fd >= 0;
@@ -136,6 +136,7 @@ void ReleaseCriticalSection(const char *name)
     }
     const int error = pthread_mutex_unlock(&section->mutex);
     if (error != 0) {
-        ProgrammingError("Critical section '%s' could not be left. (pthread_mutex_unlock: %s)", name, strerror(error));
+        errno = error;
+        ProgrammingError("Critical section '%s' could not be left. (pthread_mutex_unlock: %s)", name, GetErrorStr());
     }
 }

@@ -9,8 +9,8 @@
 #include <veltrane/alloc.h>
 #include <veltrane/seq.h>
 
-#include "byte_buffer.h"
-#include "out_of_memory.h"
+#include "libveltrane/byte_buffer.h"
+#include "libveltrane/out_of_memory.h"
 
 namespace {
 

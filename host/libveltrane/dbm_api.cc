@@ -17,8 +17,8 @@
 #include <veltrane/known_dirs.h>
 #include <veltrane/string_lib.h>
 
-#include "dbm_environment.h"
-#include "dbm_long_keys.h"
+#include "libveltrane/dbm_environment.h"
+#include "libveltrane/dbm_long_keys.h"
 
 using veltrane::DbmEnvironment;
 using veltrane::DbmStoredKey;

@@ -1,5 +1,5 @@
 // One LMDB environment a database file, shared by all handles of the process; see dbm_environment.h.
-#include "dbm_environment.h"
+#include "libveltrane/dbm_environment.h"
 
 #include <fcntl.h>
 #include <pthread.h>

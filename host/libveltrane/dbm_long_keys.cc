@@ -1,5 +1,5 @@
 // How keys and values of any length that we allow fit into LMDB; see dbm_long_keys.h.
-#include "dbm_long_keys.h"
+#include "libveltrane/dbm_long_keys.h"
 
 #include <veltrane/crypto.h>
 #include <veltrane/string_lib.h>
@@ -9,7 +9,7 @@ namespace {
 
 constexpr size_t kLongestPlainKey = 511;
 constexpr size_t kKeptBytes = 440;  // of a long key: on disk, never change
-constexpr size_t kDigestDigits = 2 * VT_SHA256_LEN;
+constexpr size_t kDigestDigits = size_t{2} * VT_SHA256_LEN;
 
 }  // namespace
 

@@ -32,7 +32,7 @@ namespace {
 
 constexpr const char *kClassTags = "inventory,attribute_name=none,source=agent";
 constexpr const char *kPlainTags = "source=agent";
-constexpr size_t kLargestFile = 64 * 1024;
+constexpr size_t kLargestFile = size_t{64} * 1024;
 
 std::string FileText(const char *path)
 {

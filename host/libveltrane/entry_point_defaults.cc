@@ -1,7 +1,7 @@
 // What the host does itself at each framed entry point when no plug-in answers, in the order of entry_points.def.
 //
 // Most of it is nothing: an agent without the plug-in evaluates policy and leaves no reports.
-#include "entry_point_defaults.h"
+#include "libveltrane/entry_point_defaults.h"
 
 #include <openssl/evp.h>
 

@@ -11,7 +11,7 @@
 
 #include <veltrane/extension.h>
 
-#include "entry_point_defaults.h"
+#include "libveltrane/entry_point_defaults.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <veltrane/policy.h>
 #include <veltrane/string_lib.h>
 
-#include "eval_context_internal.h"
+#include "libveltrane/eval_context_internal.h"
 
 using veltrane::ClassName;
 using veltrane::NamespaceKey;
@@ -245,7 +245,7 @@ void FatalError(const EvalContext *, const char *format, ...)
     va_start(arguments, format);
     VLog(LOG_LEVEL_CRIT, format, arguments);
     va_end(arguments);
-    exit(255);
+    exit(255);  // NOLINT(concurrency-mt-unsafe): the end of this process is asked for
 }
 
 namespace veltrane {

@@ -9,7 +9,7 @@
 #include <veltrane/policy.h>
 #include <veltrane/rlist.h>
 
-#include "eval_context_internal.h"
+#include "libveltrane/eval_context_internal.h"
 
 using veltrane::StackFrame;
 using Kind = veltrane::StackFrame::Kind;

@@ -119,7 +119,8 @@ void *enterprise_library(void)
 {
     const int error = pthread_once(&enterprise_once, OpenEnterpriseLibrary);
     if (error != 0) {
-        ProgrammingError("The enterprise plug-in could not be opened. (pthread_once: %s)", strerror(error));
+        errno = error;
+        ProgrammingError("The enterprise plug-in could not be opened. (pthread_once: %s)", GetErrorStr());
     }
     return enterprise_handle;
 }

@@ -26,7 +26,7 @@
 #include <veltrane/logging.h>
 #include <veltrane/owned.h>
 
-#include "out_of_memory.h"
+#include "libveltrane/out_of_memory.h"
 
 using veltrane::Descriptor;
 

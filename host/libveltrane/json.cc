@@ -12,9 +12,9 @@
 #include <veltrane/errors.h>
 #include <veltrane/owned.h>
 
-#include "json_private.h"
-#include "json_tree.h"
-#include "utf8.h"
+#include "libveltrane/json_private.h"
+#include "libveltrane/json_tree.h"
+#include "libveltrane/utf8.h"
 
 using veltrane::Element;
 using veltrane::Tree;

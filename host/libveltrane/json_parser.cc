@@ -2,8 +2,8 @@
 // or would not tell apart (bytes that are not UTF-8), is looked for first.
 #include <cstring>
 
-#include "json_tree.h"
-#include "utf8.h"
+#include "libveltrane/json_tree.h"
+#include "libveltrane/utf8.h"
 
 namespace {
 

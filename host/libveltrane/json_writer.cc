@@ -7,7 +7,7 @@
 
 #include <veltrane/writer.h>
 
-#include "json_tree.h"
+#include "libveltrane/json_tree.h"
 
 namespace {
 

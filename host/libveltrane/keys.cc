@@ -28,7 +28,7 @@ using BioPtr = std::unique_ptr<BIO, Destroyer<BIO_free>>;
 
 constexpr std::string_view kIdentityPrefix = "SHA=";
 constexpr std::string_view kPublicSuffix = ".pub";
-constexpr size_t kMaxKeyFile = 64 * 1024;  // a key file is a page at most; what is larger is something else
+constexpr size_t kMaxKeyFile = size_t{64} * 1024;  // a key file is a page at most; what is larger is something else
 
 std::string KeysDirectory() { return std::string(GetWorkDir()) + "/keys"; }
 std::string SeenDirectory() { return KeysDirectory() + "/seen"; }
@@ -218,7 +218,7 @@ void DropOldestSeenKeys()
 
 bool IsIdentity(std::string_view text)
 {
-    if (text.size() != kIdentityPrefix.size() + 2 * VT_SHA256_LEN || !text.starts_with(kIdentityPrefix)) {
+    if (text.size() != kIdentityPrefix.size() + size_t{2} * VT_SHA256_LEN || !text.starts_with(kIdentityPrefix)) {
         return false;
     }
     text.remove_prefix(kIdentityPrefix.size());

@@ -1,7 +1,7 @@
 // Mutexes whose misuse is a programming error. The host's own check who locks them twice or unlocks another's.
 #include <veltrane/mutex.h>
 
-#include <cstring>
+#include <cerrno>
 
 #include <veltrane/errors.h>
 
@@ -17,7 +17,8 @@ void __ThreadLock(pthread_mutex_t *mutex, const char *file, int line)
 {
     const int error = pthread_mutex_lock(mutex);
     if (error != 0) {
-        __ProgrammingError(file, line, "A mutex could not be locked. (pthread_mutex_lock: %s)", strerror(error));
+        errno = error;
+        __ProgrammingError(file, line, "A mutex could not be locked. (pthread_mutex_lock: %s)", GetErrorStr());
     }
 }
 
@@ -25,6 +26,7 @@ void __ThreadUnlock(pthread_mutex_t *mutex, const char *file, int line)
 {
     const int error = pthread_mutex_unlock(mutex);
     if (error != 0) {
-        __ProgrammingError(file, line, "A mutex could not be unlocked. (pthread_mutex_unlock: %s)", strerror(error));
+        errno = error;
+        __ProgrammingError(file, line, "A mutex could not be unlocked. (pthread_mutex_unlock: %s)", GetErrorStr());
     }
 }

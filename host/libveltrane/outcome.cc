@@ -12,7 +12,7 @@
 #include <veltrane/policy.h>
 #include <veltrane/string_lib.h>
 
-#include "eval_context_internal.h"
+#include "libveltrane/eval_context_internal.h"
 
 namespace {
 

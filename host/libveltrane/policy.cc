@@ -15,8 +15,8 @@
 #include <veltrane/string_lib.h>
 #include <veltrane/writer.h>
 
-#include "policy_control.h"
-#include "policy_internal.h"
+#include "libveltrane/policy_control.h"
+#include "libveltrane/policy_internal.h"
 
 namespace {
 

@@ -1,13 +1,13 @@
 // The checks of single attributes; see policy_checks.h.
-#include "policy_checks.h"
+#include "libveltrane/policy_checks.h"
 
 #include <algorithm>
 #include <climits>
 
 #include <veltrane/string_lib.h>
 
-#include "class_expression.h"
-#include "policy_functions.h"
+#include "libveltrane/class_expression.h"
+#include "libveltrane/policy_functions.h"
 
 namespace veltrane {
 

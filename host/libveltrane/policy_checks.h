@@ -9,7 +9,7 @@
 #include <span>
 #include <string>
 
-#include "policy_schema.h"
+#include "libveltrane/policy_schema.h"
 
 namespace veltrane {
 

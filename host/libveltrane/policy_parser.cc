@@ -25,11 +25,11 @@
 #include <veltrane/string_lib.h>
 #include <veltrane/writer.h>
 
-#include "policy_checks.h"
-#include "policy_internal.h"
-#include "policy_schema.h"
-#include "policy_source.h"
-#include "policy_yaml.h"
+#include "libveltrane/policy_checks.h"
+#include "libveltrane/policy_internal.h"
+#include "libveltrane/policy_schema.h"
+#include "libveltrane/policy_source.h"
+#include "libveltrane/policy_yaml.h"
 
 using veltrane::Complaint;
 using veltrane::PolicyError;

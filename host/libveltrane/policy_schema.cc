@@ -1,5 +1,5 @@
 // The tables of the policy language, and the checks that look at a promise or a control section as a whole.
-#include "policy_schema.h"
+#include "libveltrane/policy_schema.h"
 
 #include <algorithm>
 #include <climits>
@@ -9,7 +9,7 @@
 
 #include <veltrane/string_lib.h>
 
-#include "policy_checks.h"
+#include "libveltrane/policy_checks.h"
 
 namespace veltrane {
 

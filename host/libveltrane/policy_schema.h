@@ -8,7 +8,7 @@
 #include <optional>
 #include <string_view>
 
-#include "policy_yaml.h"
+#include "libveltrane/policy_yaml.h"
 
 namespace veltrane {
 

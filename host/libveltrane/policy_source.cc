@@ -1,5 +1,5 @@
 // Opens a policy file first and looks at it afterwards, so that what was looked at is what is read.
-#include "policy_source.h"
+#include "libveltrane/policy_source.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

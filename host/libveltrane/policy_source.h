@@ -10,13 +10,13 @@
 
 namespace veltrane {
 
-inline constexpr size_t kPolicyFileLimit = 16 * 1024 * 1024;
+inline constexpr size_t kPolicyFileLimit = size_t{16} * 1024 * 1024;
 
 // Which file it is, whatever path leads to it.
 struct FileIdentity {
     dev_t device;
     ino_t inode;
-    auto operator<=>(const FileIdentity &) const = default;
+    auto operator<=>(const FileIdentity &) const = default;  // NOLINT(modernize-use-nullptr): there is none to use
 };
 
 struct PolicySource {

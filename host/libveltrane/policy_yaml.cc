@@ -1,6 +1,6 @@
 // Builds the tree from libyaml's events, with a stack of its own: depth is counted before anything is kept, so no text
 // makes this recurse deeper, or the library's scanner work longer, than the limit allows.
-#include "policy_yaml.h"
+#include "libveltrane/policy_yaml.h"
 
 #include <yaml.h>
 
@@ -8,7 +8,7 @@
 #include <unordered_set>
 #include <utility>
 
-#include "out_of_memory.h"
+#include "libveltrane/out_of_memory.h"
 
 namespace veltrane {
 

@@ -9,7 +9,7 @@
 #include <veltrane/rlist.h>
 #include <veltrane/writer.h>
 
-#include "json_private.h"
+#include "libveltrane/json_private.h"
 
 namespace {
 

@@ -24,7 +24,7 @@ struct UnsafeStep {
     std::string path;  // resolved, unless resolving failed
     Why why;
     uid_t owner = 0;
-    std::string error = "";
+    std::string error{};
 };
 
 enum class PathEnd {

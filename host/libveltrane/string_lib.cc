@@ -15,7 +15,7 @@
 #include <veltrane/alloc.h>
 #include <veltrane/logging.h>
 
-#include "byte_buffer.h"
+#include "libveltrane/byte_buffer.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Judging and cleaning UTF-8. Plain ASCII, the usual case, goes eight bytes at a time.
-#include "utf8.h"
+#include "libveltrane/utf8.h"
 
 #include <cstdint>
 #include <cstring>

@@ -11,7 +11,7 @@
 
 #include <veltrane/string_lib.h>
 
-#include "eval_context_internal.h"
+#include "libveltrane/eval_context_internal.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include <veltrane/errors.h>
 
-#include "byte_buffer.h"
+#include "libveltrane/byte_buffer.h"
 
 struct Writer_ {
     explicit Writer_(FILE *stream) : file(stream) {}

@@ -28,6 +28,7 @@
 
 #include "libvtenterprise/entry_points_real.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/texts.h"
 #include "tests/support/work_dir.h"
 
 namespace {
@@ -39,7 +40,6 @@ using ::testing::IsEmpty;
 using ::testing::Pair;
 using ::testing::StartsWith;
 using veltrane::SeqPtr;
-using Texts = std::vector<std::string>;
 using ServerConnectionPtr = std::unique_ptr<ServerConnectionState, veltrane::Destroyer<ServerConnectionStateDestroy>>;
 
 // A transaction as it stood on the wire.
@@ -555,9 +555,7 @@ TEST_F(ReportQueryService, UsesTheFilterOfItsQueryWordAlone)
         BundleAppendSection(PolicyAppendBundle(policy.get(), "default", "rules", "server", "promises.vt"), "access");
     Promise *pp = BundleSectionAppendPromise(section, "delta", Rval{}, SourceOffset{});
     PromiseAppendConstraint(pp, "report_data_select", RvalNew("yes", RVAL_TYPE_SCALAR));
-    Rlist *list = nullptr;
-    RlistAppendScalar(&list, "secret");
-    PromiseAppendConstraint(pp, "metatags_exclude", Rval{list, RVAL_TYPE_LIST});
+    PromiseAppendConstraint(pp, "metatags_exclude", ListRval({"secret"}));
     KeepReportDataSelectAccessPromise__real(pp);
     WriteClassDiff({"1700000500,1,cfg,secret"});
     WriteFile(work_.State("previous_state/classes.cache"), "cfg,secret\r\n");

@@ -11,6 +11,7 @@
 #include <veltrane/rlist.h>
 
 #include "support/log_capture.h"
+#include "support/texts.h"
 
 namespace {
 
@@ -36,11 +37,7 @@ class Access : public testing::Test {
     {
         Promise *pp = BundleSectionAppendPromise(section, promiser, Rval{nullptr, RVAL_TYPE_NONE}, SourceOffset{7, 5});
         PromiseAppendConstraint(pp, "resource", RvalNew(resource, RVAL_TYPE_SCALAR));
-        for (const auto &[name, texts] : lists) {
-            Rlist *list = nullptr;
-            for (const std::string &text : texts) { RlistAppendScalar(&list, text.c_str()); }
-            PromiseAppendConstraint(pp, name, Rval{list, RVAL_TYPE_LIST});
-        }
+        for (const auto &[name, texts] : lists) { PromiseAppendConstraint(pp, name, ListRval(texts)); }
         return pp;
     }
 

@@ -6,6 +6,7 @@
 
 #include "libveltrane/policy_internal.h"
 #include "support/log_capture.h"
+#include "support/texts.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -15,13 +16,6 @@ using veltrane::OwnedRval;
 using veltrane::Shortfall;
 
 namespace {
-
-veltrane::RlistPtr NewList(const std::vector<std::string> &items)
-{
-    Rlist *list = nullptr;
-    for (const std::string &item : items) { RlistAppendScalar(&list, item.c_str()); }
-    return veltrane::RlistPtr(list);
-}
 
 OwnedRval Json(const char *text)
 {
@@ -62,7 +56,7 @@ class Expansion : public testing::Test {
     void Text(const char *name, const char *value) { Put(name, value, VT_DATA_TYPE_STRING); }
     void List(const char *name, const std::vector<std::string> &items)
     {
-        Put(name, NewList(items).get(), VT_DATA_TYPE_STRING_LIST);
+        Put(name, RlistOf(items).get(), VT_DATA_TYPE_STRING_LIST);
     }
     void Data(const char *name, const char *json) { Put(name, Json(json).Get().item, VT_DATA_TYPE_CONTAINER); }
 
@@ -88,7 +82,7 @@ class Expansion : public testing::Test {
     std::string ExpandJson(const char *text) { return ExpandValue(Json(text).Get()); }
     std::string ExpandList(const std::vector<std::string> &items)
     {
-        return ExpandValue(Rval{NewList(items).get(), RVAL_TYPE_LIST});
+        return ExpandValue(Rval{RlistOf(items).get(), RVAL_TYPE_LIST});
     }
 
     std::string FirstList(const std::vector<std::string> &texts, Bindings bindings = {})
@@ -295,7 +289,7 @@ TEST_F(Expansion, CollectsTheTextsThatReferToVariables)
 {
     std::vector<std::string> texts;
     veltrane::CollectReferences(Json(R"j({"a": "$(x)", "b": ["plain", {"f": ["$(y)"]}], "c": 1})j").Get(), &texts);
-    veltrane::CollectReferences(Rval{NewList({"plain", "$(z)"}).get(), RVAL_TYPE_LIST}, &texts);
+    veltrane::CollectReferences(Rval{RlistOf({"plain", "$(z)"}).get(), RVAL_TYPE_LIST}, &texts);
     veltrane::CollectReferences(Rval{nullptr, RVAL_TYPE_NONE}, &texts);
     EXPECT_THAT(texts, ElementsAre("$(x)", "$(y)", "$(z)"));
 }

@@ -6,6 +6,8 @@
 #include <veltrane/owned.h>
 #include <veltrane/rval.h>
 
+#include "support/texts.h"
+
 using veltrane::JsonPtr;
 using veltrane::RlistPtr;
 using veltrane::TextPtr;
@@ -17,13 +19,6 @@ std::string Written(Rval rval)
     Writer *writer = StringWriter();
     RvalWriteRaw(writer, rval);
     return TextPtr(StringWriterClose(writer)).get();
-}
-
-Rval ListOf(const std::vector<const char *> &scalars)
-{
-    Rlist *list = nullptr;
-    for (const char *scalar : scalars) { RlistAppendScalar(&list, scalar); }
-    return {list, RVAL_TYPE_LIST};
 }
 
 TEST(Rval, EachDataTypeHasItsRvalType)
@@ -53,7 +48,7 @@ TEST(Rval, AScalarIsCopiedAndWrittenAsItIs)
 
 TEST(Rval, AListIsWrittenInBracesWithQuotesAndBackslashesEscaped)
 {
-    const Rval rval = ListOf({"a", "", "say \"b\"", "c:\\d", "\\\"", "e\nf"});
+    const Rval rval = ListRval({"a", "", "say \"b\"", "c:\\d", "\\\"", "e\nf"});
 
     EXPECT_EQ(Written(rval), "{\"a\",\"\",\"say \\\"b\\\"\",\"c:\\\\d\",\"\\\\\\\"\",\"e\nf\"}");
     EXPECT_EQ(RvalScalarValue(rval), nullptr);
@@ -83,7 +78,8 @@ TEST(Rval, ACopyOutlivesItsOriginal)
 {
     JsonElement *json = nullptr;
     ASSERT_EQ(JsonParse("{\"a\":[1]}", &json), JSON_PARSE_OK);
-    for (const Rval rval : {RvalNew("scalar", RVAL_TYPE_SCALAR), ListOf({"a", "b"}), Rval{json, RVAL_TYPE_CONTAINER}}) {
+    for (const Rval rval :
+         {RvalNew("scalar", RVAL_TYPE_SCALAR), ListRval({"a", "b"}), Rval{json, RVAL_TYPE_CONTAINER}}) {
         const std::string written = Written(rval);
         const Rval copy = RvalCopy(rval);
         EXPECT_NE(copy.item, rval.item);

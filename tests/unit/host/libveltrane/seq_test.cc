@@ -14,6 +14,8 @@
 #include <veltrane/alloc.h>
 #include <veltrane/owned.h>
 
+#include "support/texts.h"
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 using veltrane::FilePtr;
@@ -22,16 +24,6 @@ using veltrane::SeqViewPtr;
 using veltrane::TextPtr;
 
 namespace {
-
-std::vector<std::string> Texts(const Seq *seq)
-{
-    std::vector<std::string> texts;
-    for (size_t i = 0; i < SeqLength(seq); i++) {
-        const char *text = static_cast<const char *>(SeqAt(seq, i));
-        texts.push_back(text != nullptr ? text : "(empty)");
-    }
-    return texts;
-}
 
 SeqPtr SeqOf(const std::vector<const char *> &texts)
 {
@@ -173,7 +165,7 @@ TEST(Seq, SettingNothingEmptiesTheSlot)
 
     SeqSet(seq.get(), 0, nullptr);
 
-    EXPECT_THAT(Texts(seq.get()), ElementsAre("(empty)"));
+    EXPECT_THAT(SeqTexts(seq.get()), ElementsAre("(empty)"));
 }
 
 TEST(SeqDeathTest, APositionBeyondTheEndIsAProgrammingError)
@@ -192,7 +184,7 @@ TEST(Seq, AppendingASequenceHandsOverItsPointers)
     SeqAppendSeq(seq.get(), more.get());
     SeqSoftDestroy(more.release());
 
-    EXPECT_THAT(Texts(seq.get()), ElementsAre("a", "b", "(empty)", "c"));
+    EXPECT_THAT(SeqTexts(seq.get()), ElementsAre("a", "b", "(empty)", "c"));
 }
 
 TEST(Seq, AppendingAnEmptySequenceChangesNothing)
@@ -213,9 +205,9 @@ TEST(Seq, SortsSmallSequences)
 
     for (Seq *seq : {none.get(), one.get(), three.get()}) { SeqSort(seq, CompareTexts, nullptr); }
 
-    EXPECT_THAT(Texts(none.get()), IsEmpty());
-    EXPECT_THAT(Texts(one.get()), ElementsAre("a"));
-    EXPECT_THAT(Texts(three.get()), ElementsAre("a", "b", "c"));
+    EXPECT_THAT(SeqTexts(none.get()), IsEmpty());
+    EXPECT_THAT(SeqTexts(one.get()), ElementsAre("a"));
+    EXPECT_THAT(SeqTexts(three.get()), ElementsAre("a", "b", "c"));
 }
 
 TEST(Seq, SortsStablyAtEveryLengthAndKeyRange)
@@ -361,7 +353,7 @@ TEST(Seq, EmptySlotsAreHandedToTheComparator)
         },
         nullptr);
 
-    EXPECT_THAT(Texts(seq.get()), ElementsAre("(empty)", "a", "b"));
+    EXPECT_THAT(SeqTexts(seq.get()), ElementsAre("(empty)", "a", "b"));
 }
 
 TEST(Seq, ASoftSortIsAViewAndTheSequenceKeepsItsOrder)
@@ -370,8 +362,8 @@ TEST(Seq, ASoftSortIsAViewAndTheSequenceKeepsItsOrder)
 
     const SeqPtr sorted(SeqSoftSort(seq.get(), CompareTexts, nullptr));  // ends without the items
 
-    EXPECT_THAT(Texts(sorted.get()), ElementsAre("a", "b", "c"));
-    EXPECT_THAT(Texts(seq.get()), ElementsAre("b", "c", "a"));
+    EXPECT_THAT(SeqTexts(sorted.get()), ElementsAre("a", "b", "c"));
+    EXPECT_THAT(SeqTexts(seq.get()), ElementsAre("b", "c", "a"));
 }
 
 TEST(Seq, ALookUpFindsTheFirstEqualItem)
@@ -414,9 +406,9 @@ TEST(Seq, ARangeIsAViewOfBothItsEnds)
     const SeqPtr middle(SeqGetRange(seq.get(), 1, 2));
     const SeqViewPtr last(SeqGetRange(seq.get(), 3, 3));
 
-    EXPECT_THAT(Texts(middle.get()), ElementsAre("b", "c"));
-    EXPECT_THAT(Texts(last.get()), ElementsAre("d"));
-    EXPECT_THAT(Texts(seq.get()), ElementsAre("a", "b", "c", "d"));
+    EXPECT_THAT(SeqTexts(middle.get()), ElementsAre("b", "c"));
+    EXPECT_THAT(SeqTexts(last.get()), ElementsAre("d"));
+    EXPECT_THAT(SeqTexts(seq.get()), ElementsAre("a", "b", "c", "d"));
 }
 
 TEST(Seq, ARangeThatIsNotInsideIsNone)
@@ -457,7 +449,7 @@ TEST(Seq, ATextIsSplitWithoutAPieceAfterItsLastSeparator)
     };
     for (const auto &c : cases) {
         const SeqPtr pieces(SeqStringFromString(c.text, '\n'));
-        EXPECT_EQ(Texts(pieces.get()), c.pieces) << "'" << c.text << "'";
+        EXPECT_EQ(SeqTexts(pieces.get()), c.pieces) << "'" << c.text << "'";
     }
     EXPECT_EQ(SeqStringFromString(nullptr, '\n'), nullptr);
 }

@@ -108,7 +108,10 @@ void CsvWriterField(CsvWriter *csv, const char *text)
 {
     const bool after_comma = csv->record_begun;
     csv->record_begun = true;
-    const size_t length = text != nullptr ? strlen(text) : 0;
+    if (text == nullptr) {
+        text = "";
+    }
+    const size_t length = strlen(text);
     const bool quoted = NeedsQuotes(text, length);
     if (length <= kShortField && !(quoted && memchr(text, '"', length) != nullptr)) {
         WriteShort(csv->writer, text, length, after_comma, quoted);

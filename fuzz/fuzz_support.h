@@ -41,15 +41,27 @@ inline const std::string &FuzzWorkDirectory()
     return place.path;
 }
 
-// The input as a file below the work directory, rewritten at each call; the path is valid to the end.
-inline const std::string &InputAsFile(const uint8_t *data, size_t size)
+// The input as the bytes of a file, rewritten at each call.
+inline void WriteInput(const std::string &path, const uint8_t *data, size_t size)
 {
-    static const std::string path = FuzzWorkDirectory() + "/input";
     FILE *file = std::fopen(path.c_str(), "w");
     if (file == nullptr || std::fwrite(data, 1, size, file) != size || std::fclose(file) != 0) {
         std::abort();
     }
+}
+
+// The same as a file below the work directory; the path is valid to the end.
+inline const std::string &InputAsFile(const uint8_t *data, size_t size)
+{
+    static const std::string path = FuzzWorkDirectory() + "/input";
+    WriteInput(path, data, size);
     return path;
+}
+
+// The same as a file that a program has in its state directory.
+inline void InputAsStateFile(const char *name, const uint8_t *data, size_t size)
+{
+    WriteInput(FuzzWorkDirectory() + "/state/" + name, data, size);
 }
 
 // What must hold for any input.

@@ -1,4 +1,5 @@
-// What the agent does around each policy run: tracking when it ran, and generating the state reports at its end.
+// What the agent does around each policy run: tracking when it ran, writing down its patches, and generating the state
+// reports at its end.
 //
 // The entry points themselves are declared with all others in libvtenterprise/entry_points_real.h. Here stand the
 // records of the agent execution database (dbid_agent_execution), which the report packer reads back. It holds exactly

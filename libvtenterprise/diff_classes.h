@@ -1,9 +1,9 @@
 // The classes report: which classes were defined on this host in its last agent run.
 //
 // The current state is the classes of the evaluation context together with those that an earlier run of the same cycle
-// (the one that updates policy) left in the temporary class cache, <state>/context.cache.tmp: one CSV record a class,
-// `context,meta_serialized`. Classes that come and go with the clock are left out. Each access to the temporary cache
-// is made inside the critical section "context_tmp_lock", which shuts out other agent processes too.
+// (the one that updates policy) left in the temporary class cache, <state>/context.cache.tmp (temporary_cache.h): one
+// CSV record a class, `context,meta_serialized`, guarded by the critical section "context_tmp_lock". Classes that come
+// and go with the clock are left out.
 #ifndef LIBVTENTERPRISE_DIFF_CLASSES_H
 #define LIBVTENTERPRISE_DIFF_CLASSES_H
 
@@ -17,14 +17,11 @@
 #include "libvtenterprise/enterprise_install.h"
 #include "libvtenterprise/export.h"
 
-// Joined meta tags of more bytes than this are cut to one byte less.
-inline constexpr size_t kMaxMetaTagBytes = 1024;
-
 // The record of one class: its full name ("ns:name") and its tags joined with ",", absent when it has none.
 //
 // Result    new, without host, time 0.
-// Errors    a class without a tag set is an unexpected error and counts as one with an empty set; tags that are too
-//           long are cut, at verbose level.
+// Errors    a class without a tag set is an unexpected error and counts as one with an empty set; tags of more than
+//           1024 bytes are cut to the first 1023, at verbose level.
 VT_EXPORT HubClass *HubClassFromClass(const Class *context) noexcept;
 
 // Whether a class of this name (without namespace) changes by itself with the clock or says nothing.

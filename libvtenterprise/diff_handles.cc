@@ -1,9 +1,12 @@
 // The table that ties each report type to its records: the one place that knows all of them.
 //
-// The operations have exactly the slots' signatures, so each slot holds the exported function itself. A report whose
-// present state cannot be gathered yet has no GetCurrentState: it reads as a state that cannot be accessed.
+// The operations have exactly the slots' signatures, so each slot holds the exported function itself.
 #include "libvtenterprise/diff_classes.h"
 #include "libvtenterprise/diff_common.h"
+#include "libvtenterprise/diff_execution_log.h"
+#include "libvtenterprise/diff_lastseen.h"
+#include "libvtenterprise/diff_software.h"
+#include "libvtenterprise/diff_variables.h"
 #include "libvtenterprise/enterprise_install.h"
 
 const ReportDataHandle REPORT_DATA_HANDLES[report_type_max + 1] = {
@@ -23,8 +26,8 @@ const ReportDataHandle REPORT_DATA_HANDLES[report_type_max + 1] = {
         // report_type_variables
         .CompareKeys = HubVariableSerializedCompareKeys,
         .CompareValues = HubVariableSerializedCompareValues,
-        .GetCurrentState = nullptr,
-        .PurgeCurrentState = nullptr,
+        .GetCurrentState = GetCurrentHubVariableSerializedList,
+        .PurgeCurrentState = PurgeCurrentVariables,
         .DataToCSV = HubVariableSerializedToCSV,
         .DataFromAttributeList = HubVariableSerializedFromAttributeList,
         .DataGetMainKey = HubVariableSerializedGetMainKey,
@@ -35,8 +38,8 @@ const ReportDataHandle REPORT_DATA_HANDLES[report_type_max + 1] = {
         // report_type_lastseen
         .CompareKeys = HubLastSeenCompareKeys,
         .CompareValues = HubLastSeenCompareValues,
-        .GetCurrentState = nullptr,
-        .PurgeCurrentState = nullptr,
+        .GetCurrentState = GetCurrentHubLastSeenList,
+        .PurgeCurrentState = PurgeCurrentLastSeen,
         .DataToCSV = HubLastSeenToCSV,
         .DataFromAttributeList = HubLastSeenFromAttributeList,
         .DataGetMainKey = nullptr,
@@ -47,7 +50,7 @@ const ReportDataHandle REPORT_DATA_HANDLES[report_type_max + 1] = {
         // report_type_software: a package never changes
         .CompareKeys = HubSoftwareCompareKeys,
         .CompareValues = nullptr,
-        .GetCurrentState = nullptr,
+        .GetCurrentState = GetCurrentHubSoftwareList,
         .PurgeCurrentState = nullptr,
         .DataToCSV = HubSoftwareToCSV,
         .DataFromAttributeList = HubSoftwareFromAttributeList,
@@ -59,7 +62,7 @@ const ReportDataHandle REPORT_DATA_HANDLES[report_type_max + 1] = {
         // report_type_software_patch: the record of a package, with columns of its own
         .CompareKeys = HubSoftwareCompareKeys,
         .CompareValues = nullptr,
-        .GetCurrentState = nullptr,
+        .GetCurrentState = GetCurrentHubSoftwarePatchList,
         .PurgeCurrentState = nullptr,
         .DataToCSV = HubSoftwarePatchToCSV,
         .DataFromAttributeList = HubSoftwarePatchFromAttributeList,
@@ -71,8 +74,8 @@ const ReportDataHandle REPORT_DATA_HANDLES[report_type_max + 1] = {
         // report_type_execution_log
         .CompareKeys = HubPromiseExecutionCompareKeys,
         .CompareValues = HubPromiseExecutionCompareValues,
-        .GetCurrentState = nullptr,
-        .PurgeCurrentState = nullptr,
+        .GetCurrentState = GetCurrentHubPromiseExecutionList,
+        .PurgeCurrentState = PurgeCurrentPromiseExecutions,
         .DataToCSV = HubPromiseExecutionToCSV,
         .DataFromAttributeList = HubPromiseExecutionFromAttributeList,
         .DataGetMainKey = HubPromiseExecutionGetMainKey,

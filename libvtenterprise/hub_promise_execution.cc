@@ -1,6 +1,5 @@
 // One promise as it was last executed. Its hash is its identity; what tells how it was reached (promise type and stack
 // path) is carried along but is no part of its value, so that moving a promise is no change.
-#include <algorithm>
 #include <initializer_list>
 
 #include "libvtenterprise/enterprise_install.h"
@@ -150,8 +149,7 @@ void *HubPromiseExecutionFromAttributeList(Seq *attr)
     record->promisee_list_serialized = TextAt(attr, 10);
     record->message_list_serialized = TextAt(attr, 11);
     if (count >= 13) {
-        // A negative number is no line: kept as it is, it would be written as a huge one that never reads back.
-        record->line_number = static_cast<size_t>(std::max(StringToLongDefaultOnError(FieldAt(attr, 12), 0), 0L));
+        record->line_number = LineNumberAt(attr, 12);
     }
     if (count >= 14) {
         record->policy_file_hash = TextAt(attr, 13);

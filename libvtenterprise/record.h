@@ -5,6 +5,7 @@
 #ifndef LIBVTENTERPRISE_RECORD_H
 #define LIBVTENTERPRISE_RECORD_H
 
+#include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <cstdlib>
@@ -59,11 +60,17 @@ inline size_t FieldCount(const Seq *attr) { return attr != nullptr ? SeqLength(a
 // The text of a field as it was read, lent by attr.
 inline const char *FieldAt(const Seq *attr, size_t i) { return static_cast<const char *>(SeqAt(attr, i)); }
 
+// A text as a record keeps it, lent: NULL when it is empty.
+inline const char *AbsentIfEmpty(const char *text) { return text != nullptr && text[0] != '\0' ? text : nullptr; }
+
 // The text of a field as a record keeps it: new; an empty field is absent.
-inline char *TextAt(const Seq *attr, size_t i)
+inline char *TextAt(const Seq *attr, size_t i) { return SafeStringDuplicate(AbsentIfEmpty(FieldAt(attr, i))); }
+
+// The line number of a field, 0 when it is none. Nor is a negative number: kept as it is, it would be written as a huge
+// one that never reads back.
+inline size_t LineNumberAt(const Seq *attr, size_t i)
 {
-    const char *field = FieldAt(attr, i);
-    return field == nullptr || field[0] == '\0' ? nullptr : xstrdup(field);
+    return static_cast<size_t>(std::max(StringToLongDefaultOnError(FieldAt(attr, i), 0), 0L));
 }
 
 #endif

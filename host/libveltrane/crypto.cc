@@ -26,23 +26,40 @@ using veltrane::Destroyer;
 using CipherContextPtr = std::unique_ptr<EVP_CIPHER_CTX, Destroyer<EVP_CIPHER_CTX_free>>;
 using DigestContextPtr = std::unique_ptr<EVP_MD_CTX, Destroyer<EVP_MD_CTX_free>>;
 
+// NULL when this OpenSSL has none of that name.
+const EVP_MD *Fetch(const char *name) { return EVP_MD_fetch(nullptr, name, nullptr); }
+
+// Each is looked up once a process, and kept: EVP_sha256() and the like would be looked up anew for every digest, which
+// takes longer than the digest of a short text. NULL when it cannot be had.
 const EVP_MD *DigestOf(HashMethod type)
 {
     switch (type) {
-        case HASH_METHOD_MD5:
-            return EVP_md5();
-        case HASH_METHOD_SHA224:
-            return EVP_sha224();
-        case HASH_METHOD_SHA256:
-            return EVP_sha256();
-        case HASH_METHOD_SHA384:
-            return EVP_sha384();
+        case HASH_METHOD_MD5: {
+            static const EVP_MD *const md5 = Fetch("MD5");
+            return md5;
+        }
+        case HASH_METHOD_SHA224: {
+            static const EVP_MD *const sha224 = Fetch("SHA224");
+            return sha224;
+        }
+        case HASH_METHOD_SHA256: {
+            static const EVP_MD *const sha256 = Fetch("SHA256");
+            return sha256;
+        }
+        case HASH_METHOD_SHA384: {
+            static const EVP_MD *const sha384 = Fetch("SHA384");
+            return sha384;
+        }
         case HASH_METHOD_SHA512:
-        case HASH_METHOD_BEST:
-            return EVP_sha512();
+        case HASH_METHOD_BEST: {
+            static const EVP_MD *const sha512 = Fetch("SHA512");
+            return sha512;
+        }
         case HASH_METHOD_SHA1:
-        case HASH_METHOD_SHA:
-            return EVP_sha1();
+        case HASH_METHOD_SHA: {
+            static const EVP_MD *const sha1 = Fetch("SHA1");
+            return sha1;
+        }
         case HASH_METHOD_CRYPT:
         case HASH_METHOD_NONE:
             break;

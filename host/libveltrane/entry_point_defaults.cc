@@ -5,17 +5,26 @@
 
 #include <openssl/evp.h>
 
+#include <utility>
+
+#include <veltrane/alloc.h>
 #include <veltrane/crypto.h>
 #include <veltrane/eval_context.h>
 #include <veltrane/globals.h>
+#include <veltrane/set.h>
 #include <veltrane/string_lib.h>
 #include <veltrane/writer.h>
 
 namespace veltrane {
 
 void Vesk_TrackExecutionDefault(const char *) {}
+void ReportPatchesDefault(PackageManager *) {}
 void GenerateReportsDefault(const GenericAgentConfig *, const EvalContext *) {}
 void Vesk_NoteAgentExecutionPerformanceDefault(const char *, struct timespec) {}
+void EvalContextSetupHubviewLogHookDefault(EvalContext *) {}
+void EvalContextLogPromiseIterationOutcomeDefault(const EvalContext *, const Promise *, PromiseResult) {}
+void TrackTotalComplianceDefault(PromiseResult, const Promise *) {}
+void LogTotalComplianceDefault(const char *, int) {}
 
 bool ReturnQueryDataDefault(ServerConnectionState *, char *, int) { return false; }
 void KeepReportDataSelectAccessPromiseDefault(const Promise *) {}
@@ -48,5 +57,21 @@ void GenericAgentAddEditionClassesDefault(EvalContext *ctx)
 
 void GenericAgentWriteVersionDefault(Writer *w) { WriterWriteF(w, "%s\n", NameVersion()); }
 void EnterpriseContextDefault(EvalContext *) {}
+
+void Vesk_ClassHistoryEnableDefault(StringSet **list, bool enable)
+{
+    if (!enable) {
+        StringSetDestroy(std::exchange(*list, nullptr));
+    } else if (*list == nullptr) {
+        *list = StringSetNew();
+    }
+}
+
+void Vesk_ClassHistoryAddContextNameDefault(StringSet *list, const char *context_name)
+{
+    char *name = xstrdup(context_name);
+    CanonifyNameInPlace(name);
+    StringSetAdd(list, name);
+}
 
 }  // namespace veltrane

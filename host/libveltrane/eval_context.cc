@@ -11,6 +11,7 @@
 #include <utility>
 
 #include <veltrane/alloc.h>
+#include <veltrane/entry_points.h>
 #include <veltrane/json.h>
 #include <veltrane/policy.h>
 #include <veltrane/string_lib.h>
@@ -33,26 +34,10 @@ StringSet *SharedTags(EvalContext *ctx, const char *tags)
     return set.get();
 }
 
-void ClassHistoryEnable(StringSet **list, bool enable)
-{
-    if (!enable) {
-        StringSetDestroy(std::exchange(*list, nullptr));
-    } else if (*list == nullptr) {
-        *list = StringSetNew();
-    }
-}
-
-void ClassHistoryAddContextName(StringSet *list, const char *context_name)
-{
-    char *name = xstrdup(context_name);
-    CanonifyNameInPlace(name);
-    StringSetAdd(list, name);
-}
-
 void ClassHistoryAddAll(const EvalContext *ctx, StringSet *list)
 {
     for (const auto &[key, record] : ctx->classes.records()) {
-        ClassHistoryAddContextName(list, veltrane::TextPtr(ClassRefToString(record.ns, record.name)).get());
+        Vesk_ClassHistoryAddContextName(list, veltrane::TextPtr(ClassRefToString(record.ns, record.name)).get());
     }
 }
 
@@ -64,7 +49,7 @@ void PutClass(EvalContext *ctx, const char *name, bool is_soft, const char *tags
     }
     ctx->classes.Put(split.ns, split.name, is_soft, SharedTags(ctx, tags));
     if (ctx->class_history != nullptr) {
-        ClassHistoryAddContextName(ctx->class_history, split.ns.empty() ? split.name.c_str() : name);
+        Vesk_ClassHistoryAddContextName(ctx->class_history, split.ns.empty() ? split.name.c_str() : name);
     }
 }
 
@@ -167,8 +152,8 @@ const StringSet *EvalContextAllClassesGet(const EvalContext *ctx)
 {
     if (ctx->class_history != nullptr && ctx->class_history_stale) {
         EvalContext *writable = const_cast<EvalContext *>(ctx);  // the set is a cache of the class table
-        ClassHistoryEnable(&writable->class_history, false);
-        ClassHistoryEnable(&writable->class_history, true);
+        Vesk_ClassHistoryEnable(&writable->class_history, false);
+        Vesk_ClassHistoryEnable(&writable->class_history, true);
         ClassHistoryAddAll(ctx, writable->class_history);
         writable->class_history_stale = false;
     }
@@ -180,7 +165,7 @@ void EvalContextClassHistoryEnable(EvalContext *ctx, bool enable)
     if (ctx->class_history == nullptr) {
         ctx->class_history_stale = false;
     }
-    ClassHistoryEnable(&ctx->class_history, enable);
+    Vesk_ClassHistoryEnable(&ctx->class_history, enable);
     if (ctx->class_history != nullptr) {
         ClassHistoryAddAll(ctx, ctx->class_history);
     }

@@ -47,7 +47,7 @@ void AddPromisees(StringSet *set, const Promise *pp)
     }
 }
 
-std::string PromiserPath(const Promise *pp) { return std::string("/'") + pp->promiser + "'"; }
+void AppendPromiser(std::string *path, const Promise *pp) { path->append("/'").append(pp->promiser).append("'"); }
 
 }  // namespace
 
@@ -83,16 +83,19 @@ char *EvalContextStackPath(const EvalContext *ctx)
         const StackFrame &frame = ctx->stack[i];
         switch (frame.kind) {
             case Kind::kBundle:
-                path += std::string("/") + frame.bundle->ns + "/" + frame.bundle->name;
+                path.append("/").append(frame.bundle->ns).append("/").append(frame.bundle->name);
                 break;
             case Kind::kSection:
-                path += std::string("/") + frame.section->promise_type;
+                path.append("/").append(frame.section->promise_type);
                 break;
             case Kind::kPromise:
-                path += IsIterated(ctx, i) ? "" : PromiserPath(frame.promise);
+                if (!IsIterated(ctx, i)) {
+                    AppendPromiser(&path, frame.promise);
+                }
                 break;
             case Kind::kIteration:
-                path += PromiserPath(frame.promise) + "[" + std::to_string(frame.index) + "]";
+                AppendPromiser(&path, frame.promise);
+                path.append("[").append(std::to_string(frame.index)).append("]");
                 break;
         }
     }

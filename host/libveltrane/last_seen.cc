@@ -36,12 +36,18 @@ bool WriteText(DBHandle *db, const std::string &key, const std::string &text)
     return WriteDB(db, key.c_str(), text.c_str(), static_cast<int>(text.size() + 1));
 }
 
+bool WriteAddress(DBHandle *db, const std::string &identity, const std::string &address)
+{
+    return address.empty() || (WriteText(db, "k" + identity, address) && WriteText(db, "p" + address, identity));
+}
+
 // Forget the address that the peer had before, unless another peer was met there since.
 void ForgetOldAddress(DBHandle *db, const std::string &identity, const std::string &address)
 {
     char old_address[64] = "";
     char at_old_address[128] = "";
-    if (!ReadDB(db, ("k" + identity).c_str(), old_address, sizeof(old_address) - 1) || address == old_address) {
+    if (address.empty() || !ReadDB(db, ("k" + identity).c_str(), old_address, sizeof(old_address) - 1) ||
+        address == old_address) {
         return;
     }
     const std::string key = std::string("p") + old_address;
@@ -63,8 +69,7 @@ void NoteSeenPeer(const std::string &identity, const std::string &address, SeenD
     const std::string key = std::string("q") + static_cast<char>(direction) + identity;
     const KeyHostSeen seen = NextSighting(db.get(), key, std::time(nullptr));
     ForgetOldAddress(db.get(), identity, address);
-    if (!WriteDB(db.get(), key.c_str(), &seen, sizeof(seen)) || !WriteText(db.get(), "k" + identity, address) ||
-        !WriteText(db.get(), "p" + address, identity)) {
+    if (!WriteDB(db.get(), key.c_str(), &seen, sizeof(seen)) || !WriteAddress(db.get(), identity, address)) {
         Log(LOG_LEVEL_VERBOSE, "Could not write the last-seen database: %s", GetErrorStr());
     }
 }

@@ -1,4 +1,4 @@
-// Which peers this host has met: the last-seen database, one sighting a connection.
+// Which peers this host has met: the last-seen database, one sighting a connection, whoever opened it.
 //
 //   "qi" + identity  KeyHostSeen of the connections that the peer opened; "qo" + identity of those that we opened
 //   "k" + identity   the peer's last address, with its zero
@@ -12,8 +12,8 @@ namespace veltrane {
 
 enum class SeenDirection : char { incoming = 'i', outgoing = 'o' };
 
-// Note a peer that has shown its key and is trusted. A database that cannot be written costs the note, with a verbose
-// line, never the connection.
+// Note a peer that has shown its key and is trusted. address: "" when the system does not know it; the one noted before
+// then stays. A database that cannot be written costs the note, with a verbose line, never the connection.
 void NoteSeenPeer(const std::string &identity, const std::string &address, SeenDirection direction);
 
 }  // namespace veltrane

@@ -3,6 +3,7 @@
 // Everything is made when it is put together, nothing on reading, so that several threads may read one policy.
 #include <veltrane/policy.h>
 
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -47,13 +48,6 @@ void BundleDestroy(void *item)
     free(bundle->name);
     free(bundle->type);
     free(bundle);
-}
-
-std::string RawText(Rval rval)
-{
-    const veltrane::WriterPtr writer(StringWriter());
-    RvalWriteRaw(writer.get(), rval);
-    return std::string(StringWriterData(writer.get()), StringWriterLength(writer.get()));
 }
 
 // Attributes that say nothing of what is promised: a note to the reader, and when the promise is looked at.
@@ -124,23 +118,27 @@ const char *PolicyGetPolicyFileHash(const Policy *policy, const char *policy_fil
 
 void PromiseRuntimeHash(const Promise *pp, const char *salt, unsigned char digest[EVP_MAX_MD_SIZE], HashMethod type)
 {
-    std::string text;
-    const auto add = [&text](std::string_view part) { text.append(part).append(1, '\0'); };
+    const veltrane::WriterPtr text(StringWriter());
+    const auto add = [&text](const char *part) { WriterWriteLen(text.get(), part, strlen(part) + 1); };
+    const auto add_value = [&text](Rval value) {
+        RvalWriteRaw(text.get(), value);
+        WriterWriteChar(text.get(), '\0');
+    };
     add(salt);
     add(PromiseGetNamespace(pp));
     add(PromiseGetBundle(pp)->name);
     add(pp->parent_section->promise_type);
     add(pp->promiser);
-    add(RawText(pp->promisee));
+    add_value(pp->promisee);
     for (size_t i = 0; i < SeqLength(pp->conlist); i++) {
         const Constraint *constraint = static_cast<const Constraint *>(SeqAt(pp->conlist, i));
         if (!IsLeftOutOfHash(constraint->lval)) {
             add(constraint->lval);
-            add(RawText(constraint->rval));
+            add_value(constraint->rval);
         }
     }
-    (void)HashBytes(text.data(), text.size(), digest,
-                    type);  // false for a method that makes no digest: none is written
+    // false for a method that makes no digest: none is written
+    (void)HashBytes(StringWriterData(text.get()), StringWriterLength(text.get()), digest, type);
 }
 
 Policy *PolicyNew(void)

@@ -57,8 +57,13 @@ const std::vector<EntryPoint> kEntryPoints = {
 // What the failure message says of each entry point, in the table's order. Hosts and their operators know these texts.
 const std::vector<std::string> kSignatures = {
     "void Vesk_TrackExecution(input_file)",
+    "void ReportPatches(list)",
     "void GenerateReports(config, ctx)",
     "void Vesk_NoteAgentExecutionPerformance(input_file, start)",
+    "void EvalContextSetupHubviewLogHook(ctx)",
+    "void EvalContextLogPromiseIterationOutcome(ctx, pp, result)",
+    "void TrackTotalCompliance(status, pp)",
+    "void LogTotalCompliance(version, background_tasks)",
     "_Bool ReturnQueryData(conn, menu, encrypt)",
     "void KeepReportDataSelectAccessPromise(pp)",
     "void CleanReportBookFilterSet()",
@@ -73,6 +78,8 @@ const std::vector<std::string> kSignatures = {
     "void GenericAgentAddEditionClasses(ctx)",
     "void GenericAgentWriteVersion(w)",
     "void EnterpriseContext(ctx)",
+    "void Vesk_ClassHistoryEnable(list, enable)",
+    "void Vesk_ClassHistoryAddContextName(list, context_name)",
 };
 
 std::string FailureMessage(const std::string &signature)

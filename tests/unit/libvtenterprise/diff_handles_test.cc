@@ -5,6 +5,10 @@
 
 #include "libvtenterprise/diff_classes.h"
 #include "libvtenterprise/diff_common.h"
+#include "libvtenterprise/diff_execution_log.h"
+#include "libvtenterprise/diff_lastseen.h"
+#include "libvtenterprise/diff_software.h"
+#include "libvtenterprise/diff_variables.h"
 #include "libvtenterprise/enterprise_install.h"
 #include "support/record_text.h"
 
@@ -46,6 +50,8 @@ TEST(ReportDataHandles, VariablesAreBoundToTheSerializedRecord)
     const ReportDataHandle &handle = REPORT_DATA_HANDLES[report_type_variables];
     EXPECT_EQ(handle.CompareKeys, HubVariableSerializedCompareKeys);
     EXPECT_EQ(handle.CompareValues, HubVariableSerializedCompareValues);
+    EXPECT_EQ(handle.GetCurrentState, GetCurrentHubVariableSerializedList);
+    EXPECT_EQ(handle.PurgeCurrentState, PurgeCurrentVariables);
     EXPECT_EQ(handle.DataToCSV, HubVariableSerializedToCSV);
     EXPECT_EQ(handle.DataFromAttributeList, HubVariableSerializedFromAttributeList);
     EXPECT_EQ(handle.DataGetMainKey, HubVariableSerializedGetMainKey);
@@ -58,6 +64,8 @@ TEST(ReportDataHandles, LastSeenPeersHaveNoMainKey)
     const ReportDataHandle &handle = REPORT_DATA_HANDLES[report_type_lastseen];
     EXPECT_EQ(handle.CompareKeys, HubLastSeenCompareKeys);
     EXPECT_EQ(handle.CompareValues, HubLastSeenCompareValues);
+    EXPECT_EQ(handle.GetCurrentState, GetCurrentHubLastSeenList);
+    EXPECT_EQ(handle.PurgeCurrentState, PurgeCurrentLastSeen);
     EXPECT_EQ(handle.DataToCSV, HubLastSeenToCSV);
     EXPECT_EQ(handle.DataFromAttributeList, HubLastSeenFromAttributeList);
     EXPECT_EQ(handle.DataGetMainKey, nullptr);
@@ -77,6 +85,8 @@ TEST(ReportDataHandles, PackagesAndPatchesShareTheirRecordAndNeverChange)
         EXPECT_EQ(handle->DataDelete, HubSoftwareDelete);
         EXPECT_EQ(handle->DataDup, HubSoftwareDup);
     }
+    EXPECT_EQ(software.GetCurrentState, GetCurrentHubSoftwareList);
+    EXPECT_EQ(patch.GetCurrentState, GetCurrentHubSoftwarePatchList);
     EXPECT_EQ(software.DataToCSV, HubSoftwareToCSV);
     EXPECT_EQ(software.DataFromAttributeList, HubSoftwareFromAttributeList);
     EXPECT_EQ(patch.DataToCSV, HubSoftwarePatchToCSV);
@@ -88,6 +98,8 @@ TEST(ReportDataHandles, PromiseExecutionsAreBound)
     const ReportDataHandle &handle = REPORT_DATA_HANDLES[report_type_execution_log];
     EXPECT_EQ(handle.CompareKeys, HubPromiseExecutionCompareKeys);
     EXPECT_EQ(handle.CompareValues, HubPromiseExecutionCompareValues);
+    EXPECT_EQ(handle.GetCurrentState, GetCurrentHubPromiseExecutionList);
+    EXPECT_EQ(handle.PurgeCurrentState, PurgeCurrentPromiseExecutions);
     EXPECT_EQ(handle.DataToCSV, HubPromiseExecutionToCSV);
     EXPECT_EQ(handle.DataFromAttributeList, HubPromiseExecutionFromAttributeList);
     EXPECT_EQ(handle.DataGetMainKey, HubPromiseExecutionGetMainKey);

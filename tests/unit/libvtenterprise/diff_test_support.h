@@ -10,6 +10,7 @@
 
 #include "libvtenterprise/diff_common.h"
 #include "libvtenterprise/enterprise_install.h"
+#include "support/record_text.h"
 #include "support/work_dir.h"
 
 // Name and joined tags; NULL: no tags.
@@ -36,6 +37,18 @@ inline std::vector<std::string> RowTexts(const Seq *rows, ReportType type = repo
     for (size_t i = 0; i < SeqLength(rows); i++) {
         const veltrane::TextPtr text(DiffRowToCSV(static_cast<DiffRow *>(SeqAt(rows, i)), type, false));
         texts.emplace_back(text.get());
+    }
+    return texts;
+}
+
+// Each record as its CSV record, without the record's end; an empty slot reads "(empty)".
+inline std::vector<std::string> StateTexts(const Seq *state, ReportType type)
+{
+    std::vector<std::string> texts;
+    for (size_t i = 0; i < SeqLength(state); i++) {
+        void *record = SeqAt(state, i);
+        const std::string text = record != nullptr ? CsvOf(REPORT_DATA_HANDLES[type].DataToCSV, record) : "(empty)\r\n";
+        texts.push_back(text.substr(0, text.size() - 2));
     }
     return texts;
 }

@@ -24,6 +24,7 @@ namespace veltrane {
 namespace {
 
 constexpr int kPasses = 3;
+constexpr int kSecondsPerWeek = 7 * 24 * 60 * 60;
 constexpr int kDeepestCalls = 32;            // bundles that call bundles
 constexpr size_t kMostIterations = 100'000;  // of one promise: lists multiply
 
@@ -376,9 +377,7 @@ void SetUpContext(EvalContext *ctx, const Policy *policy)
     DiscoverInto(ctx, time(nullptr));
     PolicyControlCommonIntoContext(policy, ctx);
     const char *expiry = EvalContextVariableControlCommonGet(ctx, COMMON_CONTROL_LASTSEEN_EXPIRE_AFTER);
-    if (expiry != nullptr) {
-        LASTSEENEXPIREAFTER = static_cast<int>(StringToLongDefaultOnError(expiry, LASTSEENEXPIREAFTER));
-    }
+    LASTSEENEXPIREAFTER = static_cast<int>(StringToLongDefaultOnError(expiry, kSecondsPerWeek));
     GenericAgentAddEditionClasses(ctx);
     EnterpriseContext(ctx);
 }

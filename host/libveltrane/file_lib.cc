@@ -192,31 +192,74 @@ ssize_t ReadRetrying(int fd, char *to, size_t size)
     return got;
 }
 
-// Make sure that path is a directory; see MakeParentDirectory.
-bool EnsureDirectory(const char *path, bool force)
+Descriptor OpenName(const Walk &walk, const std::string &name)
+{
+    return Descriptor(openat(walk.directory.Get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// Whether a link leads to a directory, or lets us go on as if it did: false with errno when nobody knows. A link to
+// nothing stands in the way like a file.
+bool LeadsToDirectory(const Walk &walk, const std::string &name, bool force, bool *ret_leads)
 {
     struct stat st;
-    if (lstat(path, &st) != 0) {
-        return errno == ENOENT && (mkdir(path, kPrivateDirectory) == 0 || errno == EEXIST);
+    if (fstatat(walk.directory.Get(), name.c_str(), &st, 0) != 0) {
+        *ret_leads = false;
+        return errno == ENOENT && force;
     }
+    *ret_leads = S_ISDIR(st.st_mode);
+    return true;
+}
+
+// The next name of a walk, made as a directory when nothing has that name.
+Descriptor OpenOrMake(const Walk &walk, const std::string &name)
+{
+    Descriptor next = OpenName(walk, name);
+    if (!next.IsOpen() && errno == ENOENT &&
+        (mkdirat(walk.directory.Get(), name.c_str(), kPrivateDirectory) == 0 || errno == EEXIST)) {
+        next = OpenName(walk, name);
+    }
+    return next;
+}
+
+// A directory in the place of what stands under a name, which is moved aside.
+Descriptor MoveAsideAndMake(const Walk &walk, const std::string &name)
+{
+    const std::string aside = name + ".moved-aside";
+    const int directory = walk.directory.Get();
+    const bool moved = renameat(directory, name.c_str(), directory, aside.c_str()) == 0;
+    return moved ? OpenOrMake(walk, name) : Descriptor();
+}
+
+// Make sure that the next name of a walk is a directory, and go there; see MakeParentDirectory.
+bool EnterMaking(Walk *walk, bool force)
+{
+    const std::string name = walk->names.front();
+    Descriptor next = OpenOrMake(*walk, name);
+    struct stat st;
+    if (!next.IsOpen() || fstat(next.Get(), &st) != 0) {
+        return false;
+    }
+    bool is_directory = S_ISDIR(st.st_mode);
     if (S_ISLNK(st.st_mode)) {
         if (!OwnedByRootOrUs(st)) {
             errno = ENOLINK;
             return false;
         }
-        if (stat(path, &st) != 0 && (errno != ENOENT || !force)) {
+        if (!LeadsToDirectory(*walk, name, force, &is_directory)) {
             return false;
         }
+        if (is_directory) {
+            walk->names.pop_front();
+            return walk->Follow(next, st);
+        }
     }
-    if (S_ISDIR(st.st_mode)) {
-        return true;
-    }
-    if (!force) {
+    if (!is_directory && !force) {
         errno = ENOTDIR;
         return false;
     }
-    const std::string aside = std::string(path) + ".moved-aside";
-    return rename(path, aside.c_str()) == 0 && mkdir(path, kPrivateDirectory) == 0;
+    walk->directory = is_directory ? std::move(next) : MoveAsideAndMake(*walk, name);
+    walk->names.pop_front();
+    return walk->directory.IsOpen();
 }
 
 }  // namespace
@@ -289,15 +332,13 @@ ssize_t VtReadLine(char **line, size_t *size, FILE *fp)
 
 bool MakeParentDirectory(const char *path, bool force)
 {
-    std::string above(path);
-    for (size_t slash = above.find('/', 1); slash < above.size(); slash = above.find('/', slash + 1)) {
-        above[slash] = '\0';
-        if (!EnsureDirectory(above.c_str(), force)) {
+    Walk walk(path);
+    while (walk.directory.IsOpen() && walk.names.size() > 1) {
+        if (!EnterMaking(&walk, force)) {
             return false;
         }
-        above[slash] = '/';
     }
-    return true;
+    return walk.directory.IsOpen();
 }
 
 bool PathAppend(char *path, size_t size, const char *leaf, char separator)

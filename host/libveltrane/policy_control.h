@@ -5,6 +5,7 @@
 //            protocol_version        classic, tls, cookie, filestream, latest or 1 to 4
 //            lastseen_expire_after   seconds
 //   agent    report_class_log        true or false
+//            log_limit               bytes that each append-only file of the host may hold, 4096 to 2147483647
 //   server   listen                  true or false
 //            call_collect_interval   seconds, 0 = no collect calls
 //            dump_reports            true or false

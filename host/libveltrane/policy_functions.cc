@@ -6,18 +6,20 @@
 #include <cstring>
 
 #include <veltrane/class.h>
-#include <veltrane/errors.h>
-#include <veltrane/file_lib.h>
+#include <veltrane/logging.h>
 #include <veltrane/owned.h>
 #include <veltrane/string_lib.h>
 
 #include "libveltrane/child_process.h"
+#include "libveltrane/file_bytes.h"
+#include "libveltrane/regex_check.h"
 
 namespace veltrane {
 
 namespace {
 
-constexpr int kCommandSeconds = 60;
+constexpr long kCommandSeconds = 60;
+constexpr long kMostCommandSeconds = 3600;
 constexpr size_t kLargestText = size_t{1024} * 1024;
 
 std::atomic<const char *> no_commands_because{nullptr};
@@ -30,6 +32,17 @@ struct Answer {
 
 Answer Failed(std::string why) { return {false, std::move(why)}; }
 
+// A text of digits that is a number from 0 to most.
+bool IsNumberUpTo(const std::string &text, long most, long *ret_number)
+{
+    return StringIsNumeric(text.c_str()) && StringToLong(text.c_str(), ret_number) == 0 && *ret_number <= most;
+}
+
+// What a text is cut to may not end inside a character.
+void CutAtCharacter(std::string *text) { text->resize(WholeCharacters(*text)); }
+
+bool HoldsZero(const std::string &text) { return text.find('\0') != std::string::npos; }
+
 Answer ExecResult(const FunctionCall &call)
 {
     if (const char *why = no_commands_because; why != nullptr) {
@@ -37,7 +50,13 @@ Answer ExecResult(const FunctionCall &call)
     }
     const std::string &line = call.arguments[0];
     Command command;
-    command.timeout_seconds = kCommandSeconds;
+    long seconds = kCommandSeconds;
+    if (call.arguments.size() > 2 &&
+        (!IsNumberUpTo(call.arguments[2], kMostCommandSeconds, &seconds) || seconds == 0)) {
+        return Failed("'" + call.arguments[2] + "' is no number of seconds from 1 to " +
+                      std::to_string(kMostCommandSeconds));
+    }
+    command.timeout_seconds = static_cast<int>(seconds);
     command.output_limit = kLargestText;
     if (call.arguments[1] == "useshell") {
         command.words = {"/bin/sh", "-c", line};
@@ -54,8 +73,13 @@ Answer ExecResult(const FunctionCall &call)
     if (!result.Succeeded()) {
         return Failed("'" + line + "': " + result.Describe());
     }
-    if (result.cut || result.output.find('\0') != std::string::npos) {
+    if (HoldsZero(result.output)) {
         return Failed("'" + line + "' printed what no variable can hold");
+    }
+    if (result.cut && result.output.size() == kLargestText) {
+        Log(LOG_LEVEL_WARNING, "Function 'execresult': the output of '%s' is cut at %zu bytes", line.c_str(),
+            kLargestText);
+        CutAtCharacter(&result.output);
     }
     result.output.erase(result.output.find_last_not_of('\n') + 1);
     return {true, std::move(result.output)};
@@ -64,22 +88,32 @@ Answer ExecResult(const FunctionCall &call)
 Answer ReadFileText(const FunctionCall &call)
 {
     const std::string &path = call.arguments[0];
-    size_t limit = kLargestText;
-    if (call.arguments.size() > 1) {
-        long bytes = 0;
-        if (!StringIsNumeric(call.arguments[1].c_str()) || StringToLong(call.arguments[1].c_str(), &bytes) != 0 ||
-            bytes > static_cast<long>(kLargestText)) {
-            return Failed("'" + call.arguments[1] + "' is no number of bytes up to " + std::to_string(kLargestText));
-        }
-        limit = static_cast<size_t>(bytes);
+    const bool asked = call.arguments.size() > 1;
+    long limit = static_cast<long>(kLargestText);
+    if (asked && !IsNumberUpTo(call.arguments[1], static_cast<long>(kLargestText), &limit)) {
+        return Failed("'" + call.arguments[1] + "' is no number of bytes up to " + std::to_string(kLargestText));
     }
-    const WriterPtr text(FileRead(path.c_str(), limit, nullptr));
-    if (text == nullptr) {
-        return Failed("'" + path + "': " + GetErrorStr());
+    Handle handle;
+    Descriptor fd;
+    std::string bytes;
+    bool cut = false;
+    Trouble trouble = OpenHandle(path, &handle);
+    if (!trouble.has_value()) {
+        trouble = OpenRegular(handle, path, &fd);
     }
-    std::string bytes(StringWriterData(text.get()), StringWriterLength(text.get()));
-    if (bytes.find('\0') != std::string::npos) {
+    if (!trouble.has_value()) {
+        trouble = ReadUpTo(fd.Get(), path, static_cast<size_t>(limit), &bytes, &cut);
+    }
+    if (trouble.has_value()) {
+        return Failed(*trouble);
+    }
+    if (HoldsZero(bytes)) {
         return Failed("'" + path + "' is no text: it holds a zero byte");
+    }
+    if (cut) {  // as the policy asks, or because nothing longer is read
+        Log(asked ? LOG_LEVEL_VERBOSE : LOG_LEVEL_WARNING, "Function 'readfile': '%s' is cut at %ld bytes",
+            path.c_str(), limit);
+        CutAtCharacter(&bytes);
     }
     return {true, std::move(bytes)};
 }
@@ -93,6 +127,10 @@ Answer Canonify(const FunctionCall &call)
 
 Answer ClassMatch(const FunctionCall &call)
 {
+    const std::string mistake = WhyNoRegex(call.arguments[0].c_str());
+    if (!mistake.empty()) {
+        return Failed("'" + call.arguments[0] + "' is no regular expression: " + mistake);
+    }
     const ClassTableIteratorPtr classes(EvalContextClassTableIteratorNewGlobal(call.ctx, nullptr, true, true));
     while (const Class *one = ClassTableIteratorNext(classes.get())) {
         const TextPtr name(ClassRefToString(one->ns, one->name));
@@ -111,7 +149,7 @@ struct Function {
 };
 
 constexpr Function kFunctions[] = {
-    {"execresult", 2, 2, ExecResult},  {"readfile", 1, 2, ReadFileText}, {"canonify", 1, 1, Canonify},
+    {"execresult", 2, 3, ExecResult},  {"readfile", 1, 2, ReadFileText}, {"canonify", 1, 1, Canonify},
     {"classmatch", 1, 1, ClassMatch},  {"ldapvalue", 0, 0, nullptr},     {"ldaplist", 0, 0, nullptr},
     {"ldaparray", 0, 0, nullptr},      {"regldap", 0, 0, nullptr},       {"remotescalar", 0, 0, nullptr},
     {"hostswithclass", 0, 0, nullptr},

@@ -5,11 +5,16 @@
 // Each name that the language knows is in one table. A name whose work is not part of this build, or that needs what
 // this host lacks, fails when it is called: the promise is skipped, the rest of the policy goes on.
 //
-//   execresult [command, noshell|useshell]  what a command prints on its standard output, without the line ends at its
-//                                           end; another exit status than 0, and more than a minute, is a failure
-//   readfile   [path] or [path, bytes]      what a file holds, at most so many bytes (1 MiB)
+//   execresult [command, noshell|useshell] or [command, noshell|useshell, seconds]
+//                                           what a command prints on its standard output, without the line ends at its
+//                                           end; another exit status than 0, and more than 60 seconds or what is given
+//                                           (up to 3600), is a failure
+//   readfile   [path] or [path, bytes]      what a regular file holds, at most so many bytes
 //   canonify   [text]                       the text as the name of a class
 //   classmatch [regex]                      "any" when the whole name of a class of the run matches, else "!any"
+//
+// No text is longer than 1 MiB: what a command prints and what a file holds beyond that is left out, with a warning
+// (verbose where the policy asked for fewer bytes), never in the middle of a character.
 #ifndef HOST_LIBVELTRANE_POLICY_FUNCTIONS_H
 #define HOST_LIBVELTRANE_POLICY_FUNCTIONS_H
 

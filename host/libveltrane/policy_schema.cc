@@ -10,6 +10,8 @@
 #include <veltrane/string_lib.h>
 
 #include "libveltrane/policy_checks.h"
+#include "libveltrane/policy_functions.h"
+#include "libveltrane/tree_walk.h"
 
 namespace veltrane {
 
@@ -18,6 +20,7 @@ namespace {
 Complaint Perms(const Rule &rule, YamlNode *value);
 Complaint Changes(const Rule &rule, YamlNode *value);
 Complaint CopyFrom(const Rule &rule, YamlNode *value);
+Complaint DepthSearch(const Rule &rule, YamlNode *value);
 Complaint Count(const Rule &rule, YamlNode *value);
 Complaint OutcomeClasses(const Rule &rule, YamlNode *value);
 Complaint ReportDataSelect(const Rule &rule, YamlNode *value);
@@ -59,7 +62,7 @@ constexpr Rule kFilesRules[] = {
     {"copy_from",         CopyFrom},
     {"perms",             Perms},
     {"changes",           Changes},
-    {"depth_search",      Boolean},
+    {"depth_search",      DepthSearch},
     {"move_obstructions", Boolean},
 };
 
@@ -128,6 +131,11 @@ constexpr Rule kCopyFromRules[] = {
     {"verify",       Boolean},
 };
 
+constexpr Rule kDepthSearchRules[] = {
+    {"depth",              WholeNumber, 1, kDeepestTree},
+    {"cross_file_systems", Boolean},
+};
+
 constexpr Rule kCountRules[] = {
     {"min",          WholeNumber,   0, INT_MAX},
     {"max",          WholeNumber,   0, INT_MAX},
@@ -147,6 +155,7 @@ constexpr Rule kControlCommonRules[] = {
 
 constexpr Rule kControlAgentRules[] = {
     {"report_class_log",      Boolean},
+    {"log_limit",             WholeNumber, 4096, INT_MAX},
 };
 
 constexpr Rule kControlServerRules[] = {
@@ -214,6 +223,13 @@ Complaint CopyFrom(const Rule &rule, YamlNode *value)
     return complaint.has_value() || value->Find("source") != nullptr
                ? complaint
                : Refuse(value->offset, "'copy_from' needs a 'source'");
+}
+
+// True or false, also as the result of a function, or how the search is bounded.
+Complaint DepthSearch(const Rule &rule, YamlNode *value)
+{
+    const bool is_call = value->members.size() == 1 && IsPolicyFunction(value->members[0].key.c_str());
+    return value->IsMap() && !is_call ? CheckNested(kDepthSearchRules, rule, value) : Boolean(rule, value);
 }
 
 Complaint Count(const Rule &rule, YamlNode *value) { return CheckNested(kCountRules, rule, value); }

@@ -18,6 +18,8 @@
 #include <veltrane/logging.h>
 #include <veltrane/string_lib.h>
 
+#include "libveltrane/regex_check.h"
+
 namespace {
 
 constexpr size_t kMostPatterns = 256;
@@ -179,4 +181,13 @@ bool StringMatch(const char *regex, const char *text, size_t *ret_start, size_t 
 bool StringMatchFull(const char *regex, const char *text)
 {
     return CacheOfThisThread().Match(regex, true, text, nullptr, nullptr);
+}
+
+std::string veltrane::WhyNoRegex(const char *regex)
+{
+    int error = 0;
+    PCRE2_SIZE offset = 0;
+    const std::unique_ptr<pcre2_code, FreeCode> code(pcre2_compile(
+        reinterpret_cast<PCRE2_SPTR>(regex), PCRE2_ZERO_TERMINATED, PCRE2_DOTALL, &error, &offset, nullptr));
+    return code != nullptr ? "" : ErrorText(error) + " (at byte " + std::to_string(offset) + ")";
 }

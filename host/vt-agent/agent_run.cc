@@ -1,7 +1,7 @@
 // One run of the agent.
 //
-// The order is fixed: start, lock, plug-in, then each policy for itself: context, bundles, reports. The context is
-// whole until the reports of its policy are written.
+// The order is fixed: start, lock, the ends of what only grows, plug-in, then each policy for itself: context, bundles,
+// reports. The context is whole until the reports of its policy are written.
 #include "vt-agent/agent_run.h"
 
 #include <fcntl.h>
@@ -20,14 +20,18 @@
 #include <veltrane/generic_agent.h>
 #include <veltrane/globals.h>
 #include <veltrane/known_dirs.h>
+#include <veltrane/logging.h>
 #include <veltrane/measure.h>
 #include <veltrane/owned.h>
 #include <veltrane/string_lib.h>
 
 #include "libveltrane/evaluator.h"
+#include "libveltrane/log_limits.h"
 #include "libveltrane/policy_control.h"
-#include "libveltrane/promise_attributes.h"
 #include "vt-agent/commands.h"
+#include "vt-agent/files_promise.h"
+#include "vt-agent/packages_promise.h"
+#include "vt-agent/processes_promise.h"
 #include "vt-agent/reports.h"
 
 namespace veltrane {
@@ -66,26 +70,67 @@ bool IsThere(const std::string &path)
     return lstat(path.c_str(), &status) == 0;
 }
 
-// A promise type of the language that this agent has no means to keep: said, so that nobody takes it for kept.
-PromiseResult CannotKeep(EvalContext *ctx, const Promise *expanded)
-{
-    const Attributes attr = CommonAttributes(expanded);
-    RecordFailure(ctx, expanded, &attr, "Promise '%s' of type '%s': this agent does not keep this type",
-                  expanded->promiser, expanded->parent_section->promise_type);
-    return PROMISE_RESULT_FAIL;
-}
-
-Evaluation AgentEvaluation()
+Evaluation AgentEvaluation(PackageKeeper *packages)
 {
     Evaluation evaluation;
     evaluation.actuators["commands"] = KeepCommandsPromise;
     evaluation.actuators["reports"] = KeepReportsPromise;
-    for (const char *type : {"files", "packages", "processes"}) { evaluation.actuators[type] = CannotKeep; }
+    evaluation.actuators["packages"] = [packages](EvalContext *ctx, const Promise *expanded) {
+        return KeepPackagesPromise(packages, ctx, expanded);
+    };
+    evaluation.actuators["processes"] = KeepProcessesPromise;
+    evaluation.actuators["files"] = KeepFilesPromise;
+    evaluation.outcome = [](EvalContext *ctx, const Promise *expanded, PromiseResult result) {
+        EvalContextLogPromiseIterationOutcome(ctx, expanded, result);
+        TrackTotalCompliance(result, expanded);
+    };
     return evaluation;
 }
 
+// The plug-in's log hook is bound once a process, but each policy has a context of its own: while this lives, messages
+// are collected for that one, before and afterwards for one under which nothing is evaluated.
+class CollectedMessages {
+  public:
+    // Once, before the first policy.
+    static void SetUp() { EvalContextSetupHubviewLogHook(AtRest()); }
+
+    explicit CollectedMessages(EvalContext *ctx) { CollectFor(ctx); }
+    ~CollectedMessages() { CollectFor(AtRest()); }
+    CollectedMessages(const CollectedMessages &) = delete;
+    CollectedMessages &operator=(const CollectedMessages &) = delete;
+
+  private:
+    // Lives as long as the binding does: to the end of the process.
+    static EvalContext *AtRest()
+    {
+        static EvalContext *const at_rest = EvalContextNew();
+        return at_rest;
+    }
+
+    static void CollectFor(EvalContext *ctx)
+    {
+        LoggingPrivContext *const bound = LoggingPrivGetContext();
+        if (bound != nullptr) {  // no plug-in, no binding
+            bound->param = ctx;
+        }
+    }
+};
+
+enum class Role { kMain, kUpdate };
+
+// Tell what became of a policy's promises and of the machine. The context is still whole.
+void ReportPolicy(GenericAgentConfig *config, const EvalContext *ctx, const Policy *policy, PackageKeeper *packages,
+                  struct timespec start)
+{
+    LogTotalCompliance(policy->release_id != nullptr ? policy->release_id : "(not specified)", 0);
+    Vesk_NoteAgentExecutionPerformance(config->input_file, start);
+    Vesk_TrackExecution(config->input_file);
+    ReportPatches(packages->Report(ctx).get());
+    GenerateReports(config, ctx);
+}
+
 // Evaluate one policy and report it; false when it cannot be read or has no main bundle.
-bool RunPolicy(const AgentOptions &options, const std::string &path)
+bool RunPolicy(const AgentOptions &options, const std::string &path, Role role = Role::kMain)
 {
     const struct timespec start = BeginMeasure();
     Log(LOG_LEVEL_VERBOSE, "Policy '%s'", path.c_str());
@@ -95,27 +140,32 @@ bool RunPolicy(const AgentOptions &options, const std::string &path)
     }
     const bool log_classes =
         options.log_classes || StringEqual(PolicyControlScalar(policy.get(), "agent", "report_class_log"), "true");
-    PR_KEPT = PR_REPAIRED = PR_NOTKEPT = 0;
+    if (role == Role::kMain) {  // another policy always follows an update
+        LimitLogs(StringToLongDefaultOnError(PolicyControlScalar(policy.get(), "agent", "log_limit"), kLogLimit));
+    }
+    const int kept = PR_KEPT;
+    const int repaired = PR_REPAIRED;
+    const int not_kept = PR_NOTKEPT;
 
     const EvalContextPtr ctx(EvalContextNew());
+    const CollectedMessages collected(ctx.get());
     EvalContextClassHistoryEnable(ctx.get(), log_classes);
     SetUpContext(ctx.get(), policy.get());
     for (const std::string &name : options.define) {
         EvalContextClassPutSoft(ctx.get(), name.c_str(), "source=command_line");
     }
-    if (!EvaluateBundles(ctx.get(), policy.get(), "agent", AgentEvaluation())) {
+    PackageKeeper packages;
+    if (!EvaluateBundles(ctx.get(), policy.get(), "agent", AgentEvaluation(&packages))) {
         return false;
     }
-    Log(LOG_LEVEL_VERBOSE, "Promise iterations of '%s': %d kept, %d repaired, %d not kept", path.c_str(), PR_KEPT,
-        PR_REPAIRED, PR_NOTKEPT);
+    Log(LOG_LEVEL_VERBOSE, "Promise iterations of '%s': %d kept, %d repaired, %d not kept", path.c_str(),
+        PR_KEPT - kept, PR_REPAIRED - repaired, PR_NOTKEPT - not_kept);
 
     std::string input_file = path;
     GenericAgentConfig config{};
     config.input_file = input_file.data();
     config.agent_specific.report_class_log = log_classes;
-    Vesk_NoteAgentExecutionPerformance(config.input_file, start);
-    Vesk_TrackExecution(config.input_file);
-    GenerateReports(&config, ctx.get());
+    ReportPolicy(&config, ctx.get(), policy.get(), &packages, start);
     return true;
 }
 
@@ -124,7 +174,7 @@ bool RunRoles(const AgentOptions &options)
 {
     const std::string update = InputPath("update.vt");
     const std::string failsafe = InputPath("failsafe.vt");
-    const bool updated = !IsThere(update) || RunPolicy(options, update);
+    const bool updated = !IsThere(update) || RunPolicy(options, update, Role::kUpdate);
     const bool ran = RunPolicy(options, InputPath("promises.vt"));
     if (!ran && IsThere(failsafe)) {
         Log(LOG_LEVEL_NOTICE, "The main policy cannot be run: running '%s'", failsafe.c_str());
@@ -154,10 +204,12 @@ int RunAgent(const AgentOptions &options)
     if (!StartProgram(options.program) || !LockAgent()) {
         return kTrouble;
     }
+    RepairLogTails();
     {
         const EvalContextPtr ctx(EvalContextNew());
         Vesk_Initialize(ctx.get());
     }
+    CollectedMessages::SetUp();
     const bool ran = options.file.empty() ? RunRoles(options) : RunPolicy(options, InputPath(options.file));
     return ran ? kRan : kTrouble;
 }

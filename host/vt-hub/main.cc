@@ -53,7 +53,7 @@ int Show(const Arguments &arguments, const std::string &identity, const std::str
     if (report == nullptr) {
         return kFailure;
     }
-    vthub::PrintReport(std::cout, reader, report.get(), arguments.wide);
+    vthub::PrintReport(std::cout, reader, report.get(), lines, arguments.wide);
     return std::cout.flush() ? 0 : kFailure;
 }
 
@@ -120,7 +120,7 @@ void DescribeCollect(CLI::App &app, Arguments &arguments)
         ->check(CLI::NonNegativeNumber);
     collect->add_option("--key", arguments.query.key, "Accept only the host with this key (SHA=...)");
     collect->add_flag("--raw", arguments.raw, "Print the stream itself, a line each");
-    collect->add_flag("--wide", arguments.wide, "Never cut a cell of a table");
+    collect->add_flag("--wide", arguments.wide, "Show all columns, and never cut a cell of a table");
 }
 
 void DescribeShow(CLI::App &app, Arguments &arguments)
@@ -131,7 +131,7 @@ void DescribeShow(CLI::App &app, Arguments &arguments)
     show->add_option("--type", arguments.show_type, "What was asked for: in a rebase an absent state is an empty one")
         ->check(CLI::IsMember({"delta", "rebase"}));
     show->add_flag("--raw", arguments.raw, "Print the stream itself, a line each");
-    show->add_flag("--wide", arguments.wide, "Never cut a cell of a table");
+    show->add_flag("--wide", arguments.wide, "Show all columns, and never cut a cell of a table");
 }
 
 void DescribeTrust(CLI::App &app, Arguments &arguments)

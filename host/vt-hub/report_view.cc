@@ -1,11 +1,13 @@
 #include "vt-hub/report_view.h"
 
+#include <array>
 #include <ctime>
 #include <functional>
 #include <map>
 
 #include <veltrane/csv.h>
 #include <veltrane/owned.h>
+#include <veltrane/rval.h>
 #include <veltrane/seq.h>
 #include <veltrane/string_lib.h>
 
@@ -17,10 +19,12 @@ namespace {
 
 constexpr std::size_t kCellWidth = 72;
 
-// How the fields of a chapter's lines are shown: a heading and, where a field is a number with a meaning, its words.
+// How a field of a chapter's lines is shown: a heading and, where it is a number with a meaning, its words. What few
+// ask for, and what makes a table too wide to read, is shown only when asked for.
 struct Column {
     const char *heading;
-    std::function<std::string(const ReportReader &, const std::string &)> words;
+    std::function<std::string(const ReportReader &, const std::string &)> words = nullptr;
+    bool only_wide = false;
 };
 
 struct ChapterShape {
@@ -69,7 +73,30 @@ std::string AsOverdue(const ReportReader &, const std::string &field)
     return field == "t" ? "yes" : field == "f" ? "no" : field;
 }
 
-Column Plain(const char *heading) { return {heading, nullptr}; }
+std::string AsDataType(const ReportReader &, const std::string &field)
+{
+    switch (AsNumber(field)) {
+        case VT_DATA_TYPE_STRING:
+            return "string";
+        case VT_DATA_TYPE_INT:
+            return "int";
+        case VT_DATA_TYPE_REAL:
+            return "real";
+        case VT_DATA_TYPE_STRING_LIST:
+            return "slist";
+        case VT_DATA_TYPE_INT_LIST:
+            return "ilist";
+        case VT_DATA_TYPE_REAL_LIST:
+            return "rlist";
+        case VT_DATA_TYPE_CONTAINER:
+            return "data";
+        default:
+            return field;
+    }
+}
+
+Column Plain(const char *heading) { return {heading}; }
+Column Wide(const char *heading) { return {heading, nullptr, true}; }
 
 ChapterShape DiffShape(const char *title, std::vector<Column> record_columns)
 {
@@ -82,30 +109,33 @@ const std::map<CodeBookIndex, ChapterShape> &Shapes()
 {
     static const std::map<CodeBookIndex, ChapterShape> shapes{
         {vtr_code_class_diff, DiffShape("classes", {Plain("CLASS"), Plain("TAGS")})},
-        {vtr_code_variable_diff, DiffShape("variables", {Plain("NAMESPACE"), Plain("SCOPE"), Plain("NAME"),
-                                                         Plain("TYPE"), Plain("VALUE"), Plain("TAGS")})},
-        {vtr_code_last_seen_diff,
+        {vtr_code_variable_diff,
          DiffShape(
-             "peers",
-             {{"DIRECTION", AsDirection}, Plain("KEY"), Plain("ADDRESS"), Plain("HOURS AGO"), {"LAST SEEN", AsTime}})},
+             "variables",
+             {Plain("NAMESPACE"), Plain("SCOPE"), Plain("NAME"), {"TYPE", AsDataType}, Plain("VALUE"), Plain("TAGS")})},
+        {vtr_code_last_seen_diff, DiffShape("peers", {{"DIRECTION", AsDirection},
+                                                      Plain("KEY"),
+                                                      Plain("ADDRESS"),
+                                                      Plain("USUAL INTERVAL (H)"),
+                                                      {"LAST SEEN", AsTime}})},
         {vtr_code_software_diff, DiffShape("software", {Plain("NAME"), Plain("VERSION"), Plain("ARCHITECTURE")})},
         {vtr_code_software_patch_diff,
-         DiffShape("patches", {Plain("NAME"), Plain("VERSION"), Plain("ARCHITECTURE"), Plain("STATUS")})},
-        {vtr_code_execution_log_diff, DiffShape("promise outcomes", {Plain("PROMISE"),
-                                                                     Plain("POLICY FILE"),
-                                                                     Plain("RELEASE"),
+         DiffShape("patches", {Plain("NAME"), Plain("VERSION"), Plain("ARCHITECTURE"), Wide("STATUS")})},
+        {vtr_code_execution_log_diff, DiffShape("promise outcomes", {Wide("PROMISE"),
+                                                                     Wide("POLICY FILE"),
+                                                                     Wide("RELEASE"),
                                                                      {"OUTCOME", AsOutcome},
-                                                                     Plain("NAMESPACE"),
+                                                                     Wide("NAMESPACE"),
                                                                      Plain("BUNDLE"),
                                                                      Plain("TYPE"),
                                                                      Plain("PROMISER"),
-                                                                     Plain("PATH"),
+                                                                     Wide("PATH"),
                                                                      Plain("HANDLE"),
-                                                                     Plain("PROMISEES"),
+                                                                     Wide("PROMISEES"),
                                                                      Plain("MESSAGES"),
-                                                                     Plain("LINE"),
-                                                                     Plain("FILE HASH"),
-                                                                     Plain("TAGS")})},
+                                                                     Wide("LINE"),
+                                                                     Wide("FILE HASH"),
+                                                                     Wide("TAGS")})},
         {vtr_code_execution_status,
          {"agent", {{"OVERDUE", AsOverdue}, Plain("USUAL INTERVAL (S)"), {"LAST RUN", AsTime}}}},
         {vtr_code_performance,
@@ -115,7 +145,8 @@ const std::map<CodeBookIndex, ChapterShape> &Shapes()
     return shapes;
 }
 
-std::vector<std::string> Cells(const ReportReader &reader, const ChapterShape &shape, const char *line)
+// One line's cells; a field beyond the columns that are known is shown as it is.
+std::vector<std::string> Cells(const ReportReader &reader, const ChapterShape &shape, const char *line, bool wide)
 {
     const veltrane::SeqPtr fields(SeqParseCsvString(line));
     if (fields == nullptr) {
@@ -124,19 +155,25 @@ std::vector<std::string> Cells(const ReportReader &reader, const ChapterShape &s
     std::vector<std::string> cells;
     for (std::size_t i = 0; i < SeqLength(fields.get()); ++i) {
         const std::string field = static_cast<const char *>(SeqAt(fields.get(), i));
-        const bool worded = i < shape.columns.size() && shape.columns[i].words != nullptr;
-        cells.push_back(worded ? shape.columns[i].words(reader, field) : field);
+        const Column column = i < shape.columns.size() ? shape.columns[i] : Column{""};
+        if (wide || !column.only_wide) {
+            cells.push_back(column.words != nullptr ? column.words(reader, field) : field);
+        }
     }
     return cells;
 }
 
-Table ChapterTable(const ReportReader &reader, const ChapterShape &shape, const Seq *lines)
+Table ChapterTable(const ReportReader &reader, const ChapterShape &shape, const Seq *lines, bool wide)
 {
     std::vector<std::string> headings;
-    for (const Column &column : shape.columns) { headings.emplace_back(column.heading); }
+    for (const Column &column : shape.columns) {
+        if (wide || !column.only_wide) {
+            headings.emplace_back(column.heading);
+        }
+    }
     Table table(headings);
     for (std::size_t i = 0; i < SeqLength(lines); ++i) {
-        table.Add(Cells(reader, shape, static_cast<const char *>(SeqAt(lines, i))));
+        table.Add(Cells(reader, shape, static_cast<const char *>(SeqAt(lines, i)), wide));
     }
     return table;
 }
@@ -152,7 +189,7 @@ void PrintChapter(std::ostream &out, const ReportReader &reader, CodeBookIndex c
         return;
     }
     if (known != Shapes().end()) {
-        ChapterTable(reader, known->second, lines).Print(out, wide ? 0 : kCellWidth);
+        ChapterTable(reader, known->second, lines, wide).Print(out, wide ? 0 : kCellWidth);
         return;
     }
     for (std::size_t i = 0; i < rows; ++i) {
@@ -160,18 +197,40 @@ void PrintChapter(std::ostream &out, const ReportReader &reader, CodeBookIndex c
     }
 }
 
+// The chapters of a report as the stream brought them, then those that it did not bring.
+std::vector<CodeBookIndex> ChaptersInOrder(const ReportReader &reader, const std::vector<std::string> &stream)
+{
+    std::vector<CodeBookIndex> chapters;
+    std::array<bool, vtr_code_max> listed{};
+    const auto list = [&](int chapter) {
+        if (!listed[static_cast<std::size_t>(chapter)]) {
+            listed[static_cast<std::size_t>(chapter)] = true;
+            chapters.push_back(static_cast<CodeBookIndex>(chapter));
+        }
+    };
+    for (const std::string &line : stream) {
+        for (int chapter = 0; line.size() == 3 && chapter < vtr_code_max; ++chapter) {
+            if (line == reader.codebook[chapter]) {
+                list(chapter);
+            }
+        }
+    }
+    for (int chapter = 0; chapter < vtr_code_max; ++chapter) { list(chapter); }
+    return chapters;
+}
+
 }  // namespace
 
-void PrintReport(std::ostream &out, const ReportReader &reader, const ReportData *report, bool wide)
+void PrintReport(std::ostream &out, const ReportReader &reader, const ReportData *report,
+                 const std::vector<std::string> &stream, bool wide)
 {
     out << "Host " << Printable(report->hostkey) << '\n'
         << "Up to " << AsTime(reader, std::to_string(report->response_timestamp)) << ", clock error "
         << report->requested_timestamp << " s\n";
-    for (int chapter = 0; chapter < vtr_code_max; ++chapter) {
-        const auto index = static_cast<CodeBookIndex>(chapter);
-        const Seq *lines = reader.get_chapter(report, index);
+    for (const CodeBookIndex chapter : ChaptersInOrder(reader, stream)) {
+        const Seq *lines = reader.get_chapter(report, chapter);
         if (lines != nullptr) {
-            PrintChapter(out, reader, index, lines, wide);
+            PrintChapter(out, reader, chapter, lines, wide);
         }
     }
 }

@@ -8,8 +8,10 @@
 
 namespace vthub {
 
-// Print every chapter of the report in the order of the code book. wide: cells are never cut.
-void PrintReport(std::ostream &out, const ReportReader &reader, const ReportData *report, bool wide);
+// Print every chapter of the report in the order of the stream that it was read from; chapters that the reader added
+// come last. wide: all columns, and cells are never cut.
+void PrintReport(std::ostream &out, const ReportReader &reader, const ReportData *report,
+                 const std::vector<std::string> &stream, bool wide);
 
 // Print the stream as it came, a line each. On a terminal control bytes are escaped.
 void PrintStream(std::ostream &out, const std::vector<std::string> &lines, bool terminal);

@@ -45,7 +45,7 @@ class Site {
     void SetPolicy(const std::string &promises, const std::string &filter = "")
     {
         std::string text =
-            "bundles:\n  - agent: main\n    promises:\n" + promises + "  - server: reports\n    promises:\n";
+            control + "bundles:\n  - agent: main\n    promises:\n" + promises + "  - server: reports\n    promises:\n";
         for (const char *word : {"delta", "rebase", "full"}) {
             text += std::string("      - access: ") + word + "\n        resource: query\n        admit_keys: [\"" +
                     hub_key + "\"]\n" + filter;
@@ -100,6 +100,7 @@ class Site {
         return result;
     }
 
+    std::string control;  // the control section that SetPolicy puts in front
     std::string hub_key;
     std::string host_key;
     std::string address;  // of the running daemon

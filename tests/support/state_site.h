@@ -26,6 +26,20 @@
 
 #include "support/site.h"
 
+// Nothing here is about what a disk keeps, and waiting for one is most of the time of a run: while one of these stands
+// before a test's directories, they are made in memory, where the machine has a directory for that and plug-ins can be
+// loaded from it.
+struct InMemory {
+    InMemory()
+    {
+        struct statvfs facts {};
+        if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0 && statvfs("/dev/shm", &facts) == 0 &&
+            (facts.f_flag & ST_NOEXEC) == 0 && facts.f_bavail * facts.f_frsize > (64u << 20)) {
+            setenv("TMPDIR", "/dev/shm", 0);
+        }
+    }
+};
+
 // The files of the classes report; absent where there is none.
 struct StateFiles {
     std::optional<std::string> cache;
@@ -88,14 +102,14 @@ class StateSite {
         for (const std::string &name : Debris()) { std::filesystem::remove(State(name)); }
     }
 
-    // Files that are none of the three, below state/.
+    // Files of the three directories that are no report's in their place, below state/.
     std::vector<std::string> Debris() const
     {
         std::vector<std::string> names;
         for (const char *directory : {"previous_state", "diff", "untracked"}) {
             for (const auto &entry : std::filesystem::directory_iterator(State(directory))) {
                 const std::filesystem::path &path = entry.path();
-                if (path != Cache() && path != Diff() && path != Index()) {
+                if (path.extension() != ".cache" && path.extension() != ".diff" && path.extension() != ".idx") {
                     names.push_back(std::string(directory) + "/" + path.filename().string());
                 }
             }
@@ -124,6 +138,24 @@ class StateSite {
         ExpectRecords(Index(), 2);
     }
 
+    // Whether a file, unless it is not there, is made of whole CSV records with this number of fields.
+    static void ExpectRecords(const std::filesystem::path &path, size_t field_count)
+    {
+        const veltrane::FilePtr file(safe_fopen(path.c_str(), "r"));
+        if (file == nullptr) {
+            EXPECT_FALSE(std::filesystem::exists(path)) << path;
+            return;
+        }
+        for (veltrane::TextPtr record(GetCsvLineNext(file.get())); record != nullptr;
+             record.reset(GetCsvLineNext(file.get()))) {
+            const veltrane::SeqPtr fields(SeqParseCsvString(record.get()));
+            ASSERT_NE(fields, nullptr) << path << ": " << record.get();
+            EXPECT_EQ(SeqLength(fields.get()), field_count) << path << ": " << record.get();
+        }
+        const std::string bytes = ReadFile(path);
+        EXPECT_TRUE(bytes.empty() || bytes.ends_with("\r\n")) << path;
+    }
+
     // Ask for everything since the second run.
     ProcessResult Collect(const std::string &type) const
     {
@@ -138,18 +170,6 @@ class StateSite {
     }
 
   private:
-    // Nothing here is about what a disk keeps, and waiting for one is most of the time of a run: files stay in memory
-    // where the machine has a directory for that, and plug-ins can be loaded from it.
-    struct InMemory {
-        InMemory()
-        {
-            struct statvfs facts {};
-            if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0 && statvfs("/dev/shm", &facts) == 0 &&
-                (facts.f_flag & ST_NOEXEC) == 0 && facts.f_bavail * facts.f_frsize > (64u << 20)) {
-                setenv("TMPDIR", "/dev/shm", 0);
-            }
-        }
-    };
     InMemory in_memory_;  // before the site, which makes its directory
 
   public:
@@ -211,23 +231,6 @@ class StateSite {
             i = end + 1;
         }
         return stamped;
-    }
-
-    static void ExpectRecords(const std::filesystem::path &path, size_t field_count)
-    {
-        const veltrane::FilePtr file(safe_fopen(path.c_str(), "r"));
-        if (file == nullptr) {
-            EXPECT_FALSE(std::filesystem::exists(path)) << path;
-            return;
-        }
-        for (veltrane::TextPtr record(GetCsvLineNext(file.get())); record != nullptr;
-             record.reset(GetCsvLineNext(file.get()))) {
-            const veltrane::SeqPtr fields(SeqParseCsvString(record.get()));
-            ASSERT_NE(fields, nullptr) << path << ": " << record.get();
-            EXPECT_EQ(SeqLength(fields.get()), field_count) << path << ": " << record.get();
-        }
-        const std::string bytes = ReadFile(path);
-        EXPECT_TRUE(bytes.empty() || bytes.ends_with("\r\n")) << path;
     }
 };
 

@@ -6,8 +6,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include "support/process.h"
-#include "support/work_dir.h"
+#include "support/agent.h"
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -15,59 +14,6 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
 using testing::StartsWith;
-
-namespace {
-
-class Agent : public testing::Test {
-  protected:
-    Agent()
-    {
-        for (const char *name : {"", "inputs"}) { mkdir((work / name).c_str(), 0700); }
-    }
-
-    void WriteInput(const std::string &name, const std::string &text)
-    {
-        WriteFile(work / "inputs" / name, text);
-        std::filesystem::permissions(work / "inputs" / name,
-                                     std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-    }
-
-    // A policy file whose bundle main holds these promises.
-    void WritePolicy(const std::string &promises, const std::string &name = "promises.vt")
-    {
-        WriteInput(name, "bundles:\n  - agent: main\n    promises:\n" + promises);
-    }
-
-    ProcessResult Run(std::vector<std::string> arguments = {}, const std::string &name = "vt-agent")
-    {
-        ProcessOptions options;
-        options.arguments = {"--workdir", work.string()};
-        options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
-        options.working_directory = directory.path;
-        return RunProcess(std::string(VT_TEST_BIN_DIR) + "/" + name, options);
-    }
-
-    void InstallPlugIn()
-    {
-        mkdir((work / "lib").c_str(), 0700);
-        std::filesystem::copy_file(std::filesystem::path(VT_TEST_LIB_DIR) / "veltrane-enterprise.so",
-                                   work / "lib/veltrane-enterprise.so");
-        std::filesystem::permissions(work / "lib/veltrane-enterprise.so", std::filesystem::perms::owner_all);
-    }
-
-    ProcessResult RunPolicy(const std::string &promises, std::vector<std::string> arguments = {})
-    {
-        WritePolicy(promises);
-        return Run(std::move(arguments));
-    }
-
-    std::string Made(const std::string &name) { return (directory.path / name).string(); }
-
-    TemporaryDirectory directory;
-    std::filesystem::path work = directory.path / "work";
-};
-
-}  // namespace
 
 TEST_F(Agent, ReportsOnStandardOutput)
 {
@@ -187,16 +133,6 @@ TEST_F(Agent, ACommandThatTakesTooLongIsKilled)
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "R: slow\n");
     EXPECT_THAT(result.err, HasSubstr("   error: Command '/bin/sleep 1000' failed: timed out\n"));
-}
-
-TEST_F(Agent, SaysThatItDoesNotKeepAType)
-{
-    const ProcessResult result = RunPolicy("      - files: " + Made("never") + "\n        create: true\n");
-
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err,
-              "   error: Promise '" + Made("never") + "' of type 'files': this agent does not keep this type\n");
-    EXPECT_FALSE(std::filesystem::exists(Made("never")));
 }
 
 TEST_F(Agent, RunsTheUpdatePolicyFirst)

@@ -8,6 +8,7 @@
 //   index forgotten    an untracked index that cannot be read counts as empty
 //   history removed    a difference file that ageing cannot rewrite is removed
 #include <functional>
+#include <sstream>
 
 #include "faults/sweep_table.h"
 #include "faults/swept_site.h"
@@ -38,6 +39,17 @@ using Point = std::function<bool(FaultCall call, FaultMode mode, uint64_t at, co
 std::string RowName(FaultCall call, FaultMode mode) { return std::string(kCallNames[call]) + ", " + kModeNames[mode]; }
 
 bool Says(const std::string &text, const std::string &words) { return text.find(words) != std::string::npos; }
+
+// A log of a run without the lines that say how the end of a torn log was repaired.
+std::string WithoutRepairs(const std::string &log)
+{
+    std::string others;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        others += line.rfind(" warning: Cut off an unfinished record at the end of '", 0) == 0 ? "" : line + "\n";
+    }
+    return others;
+}
 
 // Every point of every kind of call on files.
 void SweepFileCalls(SweepTable *table, const Point &point)
@@ -111,12 +123,12 @@ class AgentSweep : public testing::Test {
     }
 
     // A run without faults ends in the new state; what was lost stays lost, and nothing is told twice.
-    void ExpectHonestRunAfter(const std::string &state)
+    void ExpectHonestRunAfter(const std::string &state, bool torn = false)
     {
         const StateFiles found = site.Read();
         const ProcessResult run = site.site.RunAgent();
         EXPECT_EQ(run.status, 0) << run.err;
-        EXPECT_EQ(run.err, "");
+        EXPECT_EQ(torn ? WithoutRepairs(run.err) : run.err, "");
         EXPECT_EQ(site.Read(), state == "old" ? site.after_run : found);
         EXPECT_THAT(site.Debris(), IsEmpty());
         site.ExpectThatEveryFileParses();
@@ -147,7 +159,7 @@ TEST_F(AgentSweep, AFailingCallLeavesTheOldOrTheNewState)
         EXPECT_TRUE(state != "rows lost" || Says(run.err, "   error: Could not write diff to the file: "));
         EXPECT_TRUE(state != "all added" || Says(run.err, " verbose: Could not read cached state: "));
         table.Add(row, state);
-        ExpectHonestRunAfter(state);
+        ExpectHonestRunAfter(state, mode == fault_torn);
         return true;
     });
 }

@@ -143,6 +143,87 @@ TEST(Hub, AnOpenQuoteAtTheEndIsNoWholeStream)
     EXPECT_THAT(result.err, HasSubstr("is no whole report stream: a quote stays open to its end"));
 }
 
+// A row of each state chapter, as a host sends it.
+constexpr char kEveryState[] =
+    "VTR: 0 1700000000 0\n"
+    "ELD\n1700000000,1,00ff,promises.vt,r1,110,default,main,files,/etc/motd,/default/main/files,motd,\"[\"\"ops\"\"]\","
+    "\"[\"\"no\"\"]\",7,ff00,[]\n"
+    "SPD\n1700000000,2,openssl,3.0.19,x,0\n"
+    "SDI\n1700000000,1,bash,5.2.15-2,x\n"
+    "LSD\n1700000000,3,43,SHA=0011,192.0.2.7,1.500000,1700000000\n"
+    "VAD\n1700000000,1,default,main,list,3,\"{\"\"a\"\"}\",inventory\n1700000000,1,default,main,odd,9,x,\n"
+    "CLD\n1700000000,1,linux,inventory\n";
+
+TEST(Hub, EveryStateChapterIsATableWithWordsForItsNumbers)
+{
+    Site site;
+    const ProcessResult result = ShowText(site, kEveryState);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out,
+                ContainsRegex("CLD  classes, 1 row\n  TIME +KIND +CLASS +TAGS\n.* ADD +linux +inventory\n"));
+    EXPECT_THAT(result.out,
+                ContainsRegex("VAD  variables, 2 rows\n  TIME +KIND +NAMESPACE +SCOPE +NAME +TYPE +VALUE +TAGS\n"
+                              ".* ADD +default +main +list +slist +\\{\"a\"\\} +inventory\n"
+                              ".* ADD +default +main +odd +9 +x\n"));
+    EXPECT_THAT(result.out,
+                ContainsRegex("LSD  peers, 1 row\n  TIME +KIND +DIRECTION +KEY +ADDRESS +USUAL INTERVAL .H. +"
+                              "LAST SEEN\n.* CHANGE +OUTGOING +SHA=0011 +192.0.2.7 +1.500000 +20"));
+    EXPECT_THAT(result.out, ContainsRegex("SDI  software, 1 row\n  TIME +KIND +NAME +VERSION +ARCHITECTURE\n"
+                                          ".* ADD +bash +5.2.15-2 +x\n"));
+    EXPECT_THAT(result.out, ContainsRegex("SPD  patches, 1 row\n  TIME +KIND +NAME +VERSION +ARCHITECTURE\n"
+                                          ".* REMOVE +openssl +3.0.19 +x\n"));
+    EXPECT_THAT(
+        result.out,
+        ContainsRegex("ELD  promise outcomes, 1 row\n  TIME +KIND +OUTCOME +BUNDLE +TYPE +PROMISER +HANDLE +MESSAGES\n"
+                      ".* ADD +NOTKEPT +main +files +/etc/motd +motd +.\"no\".\n"));
+}
+
+TEST(Hub, ChaptersStandInTheOrderOfTheStream)
+{
+    Site site;
+    const std::string out = ShowText(site, kEveryState).out;
+    EXPECT_LT(out.find("\nELD"), out.find("\nSPD"));
+    EXPECT_LT(out.find("\nSPD"), out.find("\nSDI"));
+    EXPECT_LT(out.find("\nVAD"), out.find("\nCLD"));
+}
+
+TEST(Hub, WideShowsAllColumnsAndCutsNothing)
+{
+    Site site;
+    const std::string tags(100, 't');
+    const std::string stream = kEveryState + ("1700000000,1,long," + tags + "\n");
+    const ProcessResult cut = ShowText(site, stream);
+    const ProcessResult wide = ShowText(site, stream, {"--wide"});
+    EXPECT_THAT(cut.out, HasSubstr(std::string(69, 't') + "...\n"));
+    EXPECT_THAT(wide.out, HasSubstr(tags + "\n"));
+    EXPECT_THAT(wide.out, HasSubstr("  STATUS\n"));
+    EXPECT_THAT(wide.out, ContainsRegex(" ADD +00ff +promises.vt +r1 +NOTKEPT +default +main +files +/etc/motd "
+                                        "+/default/main/files +motd +.\"ops\". +.\"no\". +7 +ff00 +..\n"));
+}
+
+TEST(Hub, FieldsBeyondTheKnownColumnsAreShown)
+{
+    Site site;
+    EXPECT_THAT(ShowText(site, "VTR: 0 1700000000 0\nSDI\n1700000000,1,bash,5,x,more,and more\n").out,
+                ContainsRegex("ADD +bash +5 +x +more +and more\n"));
+}
+
+TEST(Hub, ControlBytesInAnyChapterNeverReachTheTerminal)
+{
+    Site site;
+    const ProcessResult result = ShowText(site,
+                                          "VTR: 0 1700000000 0\n"
+                                          "ELD\n1\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,"
+                                          "\x1b,\x1b,\x1b,\x1b\n"
+                                          "LSD\n\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b\n"
+                                          "VAD\n\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b,\x1b\n"
+                                          "XYZ\x1b[2J\nPLG\n\x1b[2J\n",
+                                          {"--wide"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out.find('\x1b'), std::string::npos);
+    EXPECT_THAT(result.out, HasSubstr("\\x1b"));
+}
+
 TEST(Hub, ControlBytesOfAHostNeverReachTheTerminal)
 {
     Site site;

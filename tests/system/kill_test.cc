@@ -6,9 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <random>
-
+#include "support/kill_moments.h"
 #include "support/state_site.h"
 
 using testing::AllOf;
@@ -22,45 +20,6 @@ namespace {
 
 constexpr int kKilled = 128 + SIGKILL;
 
-using Clock = std::chrono::steady_clock;
-using std::chrono::microseconds;
-
-int Kills(int otherwise)
-{
-    const char *text = getenv("VT_KILLS");
-    return text != nullptr ? atoi(text) : otherwise;
-}
-
-// The middle one of five times that an action takes.
-template <typename Action>
-microseconds TimeOf(Action action)
-{
-    std::array<microseconds, 5> times{};
-    for (microseconds &one : times) {
-        const auto start = Clock::now();
-        action();
-        one = std::chrono::duration_cast<microseconds>(Clock::now() - start);
-    }
-    std::sort(times.begin(), times.end());
-    return times[2];
-}
-
-// Moments up to a little after the end: always the same shares of the measured time, whatever it is.
-class Moments {
-  public:
-    explicit Moments(microseconds work) : work_(work) {}
-
-    microseconds Next()
-    {
-        return microseconds(static_cast<long>(share_(random_) * static_cast<double>(work_.count())));
-    }
-
-  private:
-    microseconds work_;
-    std::mt19937 random_{20250101};
-    std::uniform_real_distribution<double> share_{0.0, 1.1};
-};
-
 class KillTest : public testing::Test {
   protected:
     // What a killed process may leave beside the files: content that was not yet in its place.
@@ -73,17 +32,17 @@ TEST_F(KillTest, AKilledAgentLeavesTheOldOrTheNewState)
 {
     const auto prepare = [&] { site.Write(site.before_run); };
     prepare();
-    Moments moments(TimeOf([&] { ASSERT_EQ(site.site.RunAgent().status, 0); }));
+    KillMoments moments([&] { ASSERT_EQ(site.site.RunAgent().status, 0); });
     std::map<std::string, int> seen;
     int hits = 0;
     ProcessOptions options;
     options.arguments = {"--workdir", site.site.Host().string()};
 
-    for (int kill = Kills(300); kill > 0; kill--) {
+    for (int kill = KillsOr(300); kill > 0; kill--) {
         prepare();
         {
             BackgroundProcess agent(std::string(VT_TEST_BIN_DIR) + "/vt-agent", options);
-            std::this_thread::sleep_for(moments.Next());
+            moments.Wait();
             agent.Kill();
             hits += agent.Wait().status == kKilled ? 1 : 0;
         }
@@ -129,14 +88,14 @@ TEST_F(KillTest, AKilledDaemonLeavesTheOldOrTheNewState)
         queries.push_back({type, site.Read()});
     }
     ASSERT_TRUE(site.site.StartDaemon()) << site.site.daemon->Err();
-    Moments moments(TimeOf([&] {
+    KillMoments moments([&] {
         site.Write(before);
         EXPECT_EQ(site.Collect("rebase").status, 0);
-    }));
+    });
     site.StopDaemon();
     std::map<std::string, int> seen;
 
-    for (int kill = Kills(200); kill > 0; kill--) {
+    for (int kill = KillsOr(200); kill > 0; kill--) {
         const auto &[type, after] = queries[static_cast<size_t>(kill) % queries.size()];
         SCOPED_TRACE(type + ", kill " + std::to_string(kill));
         site.Write(before);
@@ -146,7 +105,7 @@ TEST_F(KillTest, AKilledDaemonLeavesTheOldOrTheNewState)
             "--workdir", site.site.Hub().string(),         "collect", site.site.address, "--type", type,
             "--since",   std::to_string(StateSite::kSince)};
         BackgroundProcess hub(std::string(VT_TEST_BIN_DIR) + "/vt-hub", options);
-        std::this_thread::sleep_for(moments.Next());
+        moments.Wait();
         site.site.daemon->Kill();
         ASSERT_EQ(site.site.daemon->Wait().status, kKilled);
         ASSERT_THAT(hub.Wait().status, AnyOf(0, 1)) << hub.Err();

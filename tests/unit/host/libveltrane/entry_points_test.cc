@@ -113,18 +113,27 @@ TEST_F(EntryPoints, EveryEntryPointOfTheTableReachesThePlugIn)
         const veltrane::WriterPtr w(StringWriter());
         HashMethod digest = HASH_METHOD_NONE;
         int digest_len = -1;
+        StringSet *history = nullptr;
         Vesk_TrackExecution("promises.vt");
+        ReportPatches(nullptr);
         GenerateReports(&config, ctx.get());
+        EvalContextSetupHubviewLogHook(ctx.get());
+        EvalContextLogPromiseIterationOutcome(ctx.get(), nullptr, PROMISE_RESULT_NOOP);
+        TrackTotalCompliance(PROMISE_RESULT_NOOP, nullptr);
+        LogTotalCompliance("", 0);
         KeepReportDataSelectAccessPromise(nullptr);
         CleanReportBookFilterSet();
         Vesk_Initialize(ctx.get());
+        Vesk_ClassHistoryEnable(&history, true);
+        Vesk_ClassHistoryAddContextName(history, "linux");
         GenericAgentSetDefaultDigest(&digest, &digest_len);
         GenericAgentAddEditionClasses(ctx.get());
         GenericAgentWriteVersion(w.get());
         EnterpriseContext(ctx.get());
 
-        EXPECT_GE(names, 17);
-        EXPECT_EQ(Fake<std::atomic<int>>("fake_calls"), 9);
+        EXPECT_GE(names, 24);
+        EXPECT_EQ(Fake<std::atomic<int>>("fake_calls"), 16);
+        EXPECT_EQ(history, nullptr);
         EXPECT_EQ(digest_len, -1);  // the fake does nothing, and no default stepped in
         EXPECT_EQ(StringWriterLength(w.get()), 0u);
     });
@@ -200,8 +209,12 @@ TEST_F(EntryPointDefaults, MostDoNothing)
         const EvalContextPtr ctx(EvalContextNew());
         const GenericAgentConfig config = {};
         Vesk_TrackExecution("promises.vt");
+        ReportPatches(nullptr);
         GenerateReports(&config, ctx.get());
         Vesk_NoteAgentExecutionPerformance("promises.vt", {});
+        EvalContextLogPromiseIterationOutcome(ctx.get(), nullptr, PROMISE_RESULT_FAIL);
+        TrackTotalCompliance(PROMISE_RESULT_SKIPPED, nullptr);
+        LogTotalCompliance("", 0);
         KeepReportDataSelectAccessPromise(nullptr);
         CleanReportBookFilterSet();
         Vesk_Initialize(ctx.get());
@@ -210,6 +223,8 @@ TEST_F(EntryPointDefaults, MostDoNothing)
         const ClassTableIteratorPtr classes(EvalContextClassTableIteratorNewGlobal(ctx.get(), nullptr, true, true));
         EXPECT_EQ(ClassTableIteratorNext(classes.get()), nullptr);
         EXPECT_TRUE(fs::is_empty(work_.State("previous_state")));
+        EXPECT_FALSE(fs::exists(work_.State("promise_execution.log")));
+        EXPECT_TRUE(fs::is_empty(work_.path / "log"));
         EXPECT_EQ(log_.UpTo(LOG_LEVEL_INFO).size(), 0u);
     });
 }
@@ -287,5 +302,32 @@ TEST_F(EntryPointDefaults, TheVersionIsWrittenOnALine)
         GenericAgentWriteVersion(w);
         const TextPtr text(StringWriterClose(w));
         EXPECT_STREQ(text.get(), "Veltrane Core 3.27.0\n");
+    });
+}
+
+TEST_F(EntryPointDefaults, NoMessagesOfPromisesAreCollected)
+{
+    InChild([] {
+        LoggingPrivContext *const bound = LoggingPrivGetContext();
+        const EvalContextPtr ctx(EvalContextNew());
+        EvalContextSetupHubviewLogHook(ctx.get());
+        EXPECT_EQ(LoggingPrivGetContext(), bound);
+    });
+}
+
+TEST_F(EntryPointDefaults, ClassHistoryWorks)
+{
+    InChild([] {
+        StringSet *history = nullptr;
+        Vesk_ClassHistoryEnable(&history, true);
+        ASSERT_NE(history, nullptr);
+        StringSet *const first = history;
+        Vesk_ClassHistoryAddContextName(history, "ns:web-server");
+        Vesk_ClassHistoryEnable(&history, true);
+        EXPECT_EQ(history, first);
+        EXPECT_TRUE(StringSetContains(history, "ns_web_server"));
+        EXPECT_EQ(StringSetSize(history), 1u);
+        Vesk_ClassHistoryEnable(&history, false);
+        EXPECT_EQ(history, nullptr);
     });
 }

@@ -355,8 +355,10 @@ TEST_F(Evaluator, AFunctionThatFailsLeavesItsPromiseSkippedAndSaysWhyOnce)
     EXPECT_THAT(outcomes, ElementsAre("reports goes on n"));
     EXPECT_THAT(
         log.UpTo(LOG_LEVEL_NOTICE),
-        ElementsAre(Pair(LOG_LEVEL_ERR, "Function 'readfile' failed: '/nonexistent/file': No such file or directory"),
-                    Pair(LOG_LEVEL_ERR, "Function 'ldapvalue' is not available")));
+        ElementsAre(
+            Pair(LOG_LEVEL_ERR,
+                 "Function 'readfile' failed: could not open '/nonexistent/file' (open: No such file or directory)"),
+            Pair(LOG_LEVEL_ERR, "Function 'ldapvalue' is not available")));
 }
 
 TEST_F(Evaluator, AListInParenthesesIterates)
@@ -686,5 +688,9 @@ TEST_F(Evaluator, SettingUpAContextDescribesMachineAndEdition)
     EXPECT_STREQ(EvalContextVariableControlCommonGet(fresh.get(), COMMON_CONTROL_PROTOCOL_VERSION), "tls");
     EXPECT_STREQ(RlistScalarValue(GetDefaultInventoryFromContext(fresh.get())), "apt");
     EXPECT_EQ(LASTSEENEXPIREAFTER, 3600);
-    LASTSEENEXPIREAFTER = 604800;
+
+    Parse("bundles: []\n");
+    veltrane::SetUpContext(veltrane::EvalContextPtr(EvalContextNew()).get(), policy.get());
+
+    EXPECT_EQ(LASTSEENEXPIREAFTER, 604800) << "what a policy before has set does not live on";
 }

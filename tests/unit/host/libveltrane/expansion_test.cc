@@ -238,7 +238,9 @@ TEST_F(Expansion, AFunctionThatFailsIsToldOnce)
 
     EXPECT_THAT(
         log.UpTo(LOG_LEVEL_NOTICE),
-        ElementsAre(Pair(LOG_LEVEL_ERR, "Function 'readfile' failed: '/nonexistent/file': No such file or directory")));
+        ElementsAre(
+            Pair(LOG_LEVEL_ERR,
+                 "Function 'readfile' failed: could not open '/nonexistent/file' (open: No such file or directory)")));
 }
 
 TEST_F(Expansion, AFunctionWithAMissingArgumentIsNotCalled)

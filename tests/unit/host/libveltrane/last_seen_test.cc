@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <ctime>
 #include <filesystem>
 #include <string>
@@ -99,6 +100,49 @@ TEST_F(LastSeen, AnAddressThatAnotherPeerTookOverStaysItsOwn)
     NoteSeenPeer(kPeer, "10.0.0.2", SeenDirection::incoming);
     EXPECT_EQ(Text("p10.0.0.1"), kOther);
     EXPECT_EQ(Text("k" + kOther), "10.0.0.1");
+}
+
+TEST_F(LastSeen, BothDirectionsOfAPeerAreNotedApart)
+{
+    NoteSeenPeer(kPeer, "10.0.0.1", SeenDirection::incoming);
+    KeyHostSeen seen{};
+    EXPECT_FALSE(ReadDB(Open().get(), ("qo" + kPeer).c_str(), &seen, sizeof(seen)));
+    NoteSeenPeer(kPeer, "10.0.0.2", SeenDirection::outgoing);
+    EXPECT_GT(Seen("qi" + kPeer).lastseen, 0);
+    EXPECT_GT(Seen("qo" + kPeer).lastseen, 0);
+    EXPECT_EQ(Text("k" + kPeer), "10.0.0.2") << "one address a peer, the last";
+}
+
+TEST_F(LastSeen, ASightingFillsAWholeRecord)
+{
+    NoteSeenPeer(kPeer, "10.0.0.1", SeenDirection::incoming);
+    NoteSeenPeer(kPeer, "10.0.0.1", SeenDirection::outgoing);
+    const std::string incoming = "qi" + kPeer;
+    const std::string outgoing = "qo" + kPeer;
+    EXPECT_EQ(ValueSizeDB(Open().get(), incoming.c_str(), static_cast<int>(incoming.size() + 1)), 48);
+    EXPECT_EQ(ValueSizeDB(Open().get(), outgoing.c_str(), static_cast<int>(outgoing.size() + 1)), 48);
+}
+
+TEST_F(LastSeen, AShorterRecordOfBeforeIsReadAsFarAsItGoes)
+{
+    KeyHostSeen before{};
+    before.lastseen = time(nullptr) - 3600;
+    before.Q.expect = 5.0;
+    ASSERT_TRUE(WriteDB(Open().get(), ("qi" + kPeer).c_str(), &before, offsetof(KeyHostSeen, Q)));
+    NoteSeenPeer(kPeer, "10.0.0.1", SeenDirection::incoming);
+    EXPECT_NEAR(Seen("qi" + kPeer).Q.expect, 0.7 * 1.0, 0.05);
+}
+
+TEST_F(LastSeen, APeerWhoseAddressIsNotKnownKeepsTheOneItHad)
+{
+    NoteSeenPeer(kPeer, "10.0.0.1", SeenDirection::incoming);
+    NoteSeenPeer(kPeer, "", SeenDirection::incoming);
+    NoteSeenPeer(kOther, "", SeenDirection::incoming);
+    EXPECT_EQ(Text("k" + kPeer), "10.0.0.1");
+    EXPECT_EQ(Text("p10.0.0.1"), kPeer);
+    EXPECT_EQ(Text("k" + kOther), "(none)");
+    EXPECT_EQ(Text("p"), "(none)");
+    EXPECT_GT(Seen("qi" + kOther).lastseen, 0);
 }
 
 TEST_F(LastSeen, ADatabaseThatCannotBeOpenedCostsOneVerboseLine)

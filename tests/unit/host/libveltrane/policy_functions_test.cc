@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <veltrane/owned.h>
 
@@ -100,9 +101,46 @@ TEST_F(PolicyFunctions, ExecresultRefusesWhatNoVariableCanHold)
 {
     EXPECT_EQ(Complaint("execresult", {"printf 'a\\000b'", "useshell"}),
               "Function 'execresult' failed: 'printf 'a\\000b'' printed what no variable can hold");
-    EXPECT_EQ(
-        Complaint("execresult", {"head -c 1048577 /dev/zero | tr '\\0' x", "useshell"}),
-        "Function 'execresult' failed: 'head -c 1048577 /dev/zero | tr '\\0' x' printed what no variable can hold");
+}
+
+TEST_F(PolicyFunctions, ExecresultCutsAtOneMebibyteAndSaysSo)
+{
+    const std::string fits = "head -c 1048576 /dev/zero | tr '\\0' x";
+    const std::string cut = "head -c 1048577 /dev/zero | tr '\\0' x";
+
+    EXPECT_EQ(Call("execresult", {fits, "useshell"}), std::string(1048576, 'x'));
+    EXPECT_THAT(log.lines, IsEmpty());
+    EXPECT_EQ(Call("execresult", {cut, "useshell"}), std::string(1048576, 'x'));
+    EXPECT_THAT(log.lines, ElementsAre(Pair(LOG_LEVEL_WARNING, "Function 'execresult': the output of '" + cut +
+                                                                   "' is cut at 1048576 bytes")));
+}
+
+TEST_F(PolicyFunctions, ExecresultCutsNothingOfAShortOutputBecauseOfManyErrors)
+{
+    EXPECT_EQ(Call("execresult", {"echo short; head -c 2000000 /dev/zero >&2", "useshell"}), "short");
+    EXPECT_THAT(log.lines, IsEmpty());
+}
+
+TEST_F(PolicyFunctions, ExecresultCutsBeforeACharacterThatDoesNotFitWhole)
+{
+    EXPECT_EQ(Call("execresult", {"head -c 1048575 /dev/zero | tr '\\0' x; printf '\\303\\244'", "useshell"}),
+              std::string(1048575, 'x'));
+}
+
+TEST_F(PolicyFunctions, ExecresultEndsACommandWhoseTimeIsOver)
+{
+    EXPECT_EQ(Complaint("execresult", {"/bin/sleep 1000", "noshell", "1"}),
+              "Function 'execresult' failed: '/bin/sleep 1000': timed out");
+    EXPECT_EQ(Call("execresult", {"echo quick", "noshell", "3600"}), "quick");
+}
+
+TEST_F(PolicyFunctions, ExecresultTakesSecondsWithinBounds)
+{
+    for (const char *seconds : {"0", "3601", "-1", "", "x", "99999999999999999999"}) {
+        EXPECT_EQ(
+            Complaint("execresult", {"true", "noshell", seconds}),
+            "Function 'execresult' failed: '" + std::string(seconds) + "' is no number of seconds from 1 to 3600");
+    }
 }
 
 TEST_F(PolicyFunctions, ReadfileGivesAFileAsItIs)
@@ -119,7 +157,8 @@ TEST_F(PolicyFunctions, ReadfileGivesAFileAsItIs)
 TEST_F(PolicyFunctions, ReadfileSaysWhyItCannotRead)
 {
     const std::string path = directory.path / "file";
-    EXPECT_EQ(Complaint("readfile", {path}), "Function 'readfile' failed: '" + path + "': No such file or directory");
+    EXPECT_EQ(Complaint("readfile", {path}),
+              "Function 'readfile' failed: could not open '" + path + "' (open: No such file or directory)");
     WriteFile(path, std::string("a\0b", 3));
     EXPECT_EQ(Complaint("readfile", {path}),
               "Function 'readfile' failed: '" + path + "' is no text: it holds a zero byte");
@@ -127,6 +166,48 @@ TEST_F(PolicyFunctions, ReadfileSaysWhyItCannotRead)
         EXPECT_EQ(Complaint("readfile", {path, size}),
                   "Function 'readfile' failed: '" + std::string(size) + "' is no number of bytes up to 1048576");
     }
+}
+
+TEST_F(PolicyFunctions, ReadfileSaysWhereItCuts)
+{
+    const std::string path = directory.path / "file";
+    WriteFile(path, std::string(1048576, 'x'));
+    EXPECT_EQ(Call("readfile", {path}), std::string(1048576, 'x'));
+    EXPECT_THAT(log.lines, IsEmpty());
+
+    WriteFile(path, std::string(1048577, 'x'));
+    EXPECT_EQ(Call("readfile", {path}), std::string(1048576, 'x'));
+    EXPECT_THAT(log.lines,
+                ElementsAre(Pair(LOG_LEVEL_WARNING, "Function 'readfile': '" + path + "' is cut at 1048576 bytes")));
+    log.lines.clear();
+    EXPECT_EQ(Call("readfile", {path, "7"}), "xxxxxxx");
+    EXPECT_THAT(log.lines,
+                ElementsAre(Pair(LOG_LEVEL_VERBOSE, "Function 'readfile': '" + path + "' is cut at 7 bytes")));
+}
+
+TEST_F(PolicyFunctions, ReadfileCutsBeforeACharacterThatDoesNotFitWhole)
+{
+    const std::string path = directory.path / "file";
+    WriteFile(path, "na\xC3\xAFve");
+
+    EXPECT_EQ(Call("readfile", {path, "3"}), "na");
+    EXPECT_EQ(Call("readfile", {path, "4"}), "na\xC3\xAF");
+}
+
+TEST_F(PolicyFunctions, ReadfileReadsFilesOnlyAndNeverWaits)
+{
+    const std::string pipe = directory.path / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+
+    EXPECT_EQ(Complaint("readfile", {pipe}), "Function 'readfile' failed: '" + pipe + "' is a named pipe, not a file");
+    EXPECT_EQ(Complaint("readfile", {directory.path}),
+              "Function 'readfile' failed: '" + directory.path.string() + "' is a directory, not a file");
+    EXPECT_EQ(Complaint("readfile", {"/dev/zero"}), "Function 'readfile' failed: '/dev/zero' is a device, not a file");
+}
+
+TEST_F(PolicyFunctions, ReadfileReadsFilesThatTheKernelMakesUp)
+{
+    EXPECT_THAT(Call("readfile", {"/proc/self/status"}), testing::HasSubstr("\nPid:\t"));
 }
 
 TEST_F(PolicyFunctions, CanonifyMakesTheNameOfAClass)
@@ -145,4 +226,14 @@ TEST_F(PolicyFunctions, ClassmatchLooksForAWholeName)
     EXPECT_EQ(Call("classmatch", {"debian"}), "!any");
     EXPECT_EQ(Call("classmatch", {"site:w.b"}), "any");
     EXPECT_EQ(Call("classmatch", {"nothing"}), "!any");
+}
+
+TEST_F(PolicyFunctions, ClassmatchSaysOnceThatItsArgumentIsNoRegularExpression)
+{
+    EvalContextClassPutHard(ctx.get(), "one", nullptr);
+    EvalContextClassPutHard(ctx.get(), "two", nullptr);
+
+    EXPECT_EQ(Complaint("classmatch", {"(on"}),
+              "Function 'classmatch' failed: '(on' is no regular expression: "
+              "missing closing parenthesis (at byte 3)");
 }

@@ -108,6 +108,9 @@ TEST(PolicySchema, EveryAttributeOfEveryTypeIsTaken)
              "files: /x, changes: {report_diffs: true, repository: '$(sys.workdir)/changes'}",
              "files: /x, copy_from: {source: /y, servers: [hub], backup: timestamp, stealth: yes, verify: no}",
              "files: /x, content: {readfile: [/y]}",
+             "files: /x, depth_search: {depth: 3, cross_file_systems: yes}",
+             "files: /x, depth_search: {depth: '$(levels)'}",
+             "files: /x, depth_search: {readfile: [/y]}",
              "commands: /bin/ls, args: [-l, /tmp], timeout: 30, shell: true, env: [LANG=C, 'A=$(b)'], cwd: /tmp",
              "commands: /bin/ls, args: '-l /tmp', env: {LANG: C}",
              "packages: openssh-server, policy: present, module: apt, version: '1:2', architecture: amd64",
@@ -135,6 +138,7 @@ TEST(PolicySchema, WhatNoAttributeIsIsRefused)
         {"files: /x, perms: {mod: 1}", "1:21: unknown attribute 'mod' of 'perms'"},
         {"files: /x, changes: {diffs: yes}", "1:23: unknown attribute 'diffs' of 'changes'"},
         {"files: /x, copy_from: {source: /y, from: z}", "1:37: unknown attribute 'from' of 'copy_from'"},
+        {"files: /x, depth_search: {levels: 1}", "1:28: unknown attribute 'levels' of 'depth_search'"},
         {"processes: x, count: {least: 1}", "1:24: unknown attribute 'least' of 'count'"},
         {"files: /x, classes: {done: y}", "1:23: unknown attribute 'done' of 'classes'"},
         {"access: delta, resource: query, report_data_select: {tags: [x]}",
@@ -184,6 +188,9 @@ TEST(PolicySchema, WhatAnAttributeCannotHoldIsRefused)
         {"files: /x, perms: {mode: 0888}", "1:27: 'mode' must be one to four octal digits, not '0888'"},
         {"files: /x, perms: {mode: 00644}", "1:27: 'mode' must be one to four octal digits, not '00644'"},
         {"files: /x, perms: {mode: {readfile: [x]}}", "1:27: 'mode' of 'perms' cannot be a map"},
+        {"files: /x, depth_search: deep", "1:27: 'depth_search' must be true or false, not 'deep'"},
+        {"files: /x, depth_search: {depth: 0}", "1:35: 'depth' must be a whole number from 1 to 128, not '0'"},
+        {"files: /x, depth_search: {depth: 129}", "1:35: 'depth' must be a whole number from 1 to 128, not '129'"},
         {"files: /x, copy_from: {verify: yes}", "1:24: 'copy_from' needs a 'source'"},
         {"files: /x, copy_from: {source: /y, backup: maybe}", "1:45: 'backup' must be one of: true false timestamp"},
         {"commands: /x, timeout: -1", "1:25: 'timeout' must be a whole number from 0 to 2147483647, not '-1'"},
@@ -263,6 +270,8 @@ TEST(PolicySchema, EveryControlAttributeIsTaken)
     }
     EXPECT_EQ(Control("common", "package_inventory: [apt, my-module], lastseen_expire_after: 604800"), "accepted");
     EXPECT_EQ(Control("agent", "report_class_log: yes"), "accepted");
+    EXPECT_EQ(Control("agent", "log_limit: 4096"), "accepted");
+    EXPECT_EQ(Control("agent", "log_limit: 2147483647"), "accepted");
     EXPECT_EQ(Control("server", "listen: true, call_collect_interval: 0, dump_reports: no, max_connections: 1"),
               "accepted");
 }
@@ -287,6 +296,8 @@ TEST(PolicySchema, AControlAttributeThatIsWrongIsRefused)
         {"common", "lastseen_expire_after: '$(x)'", "1:25: a control attribute holds no variables"},
         {"common", "package_inventory: ['@(x)']", "1:21: a control attribute holds no variables"},
         {"agent", "report_class_log: on", "1:20: 'report_class_log' must be true or false, not 'on'"},
+        {"agent", "log_limit: 4095", "1:13: 'log_limit' must be a whole number from 4096 to 2147483647, not '4095'"},
+        {"agent", "log_limit: 10M", "1:13: 'log_limit' must be a whole number from 4096 to 2147483647, not '10M'"},
         {"agent", "report_class_log: {readfile: [x]}", "1:20: a control attribute cannot be a map"},
         {"server", "max_connections: 0", "1:19: 'max_connections' must be a whole number from 1 to 65535, not '0'"},
         {"server", "max_connections: 2.5", "1:19: 'max_connections' must be a whole number from 1 to 65535, not '2.5'"},

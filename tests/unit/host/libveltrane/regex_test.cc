@@ -9,6 +9,8 @@
 #include <support/log_capture.h>
 #include <veltrane/string_lib.h>
 
+#include "libveltrane/regex_check.h"
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
@@ -153,6 +155,15 @@ TEST(Regex, MoreExpressionsThanAreKeptStillMatch)
             EXPECT_TRUE(StringMatchFull("always", "always"));
         }
     }
+}
+
+TEST(Regex, CanBeJudgedWithoutALine)
+{
+    LogCapture log;
+    EXPECT_EQ(veltrane::WhyNoRegex("a.*(b|c)"), "");
+    EXPECT_EQ(veltrane::WhyNoRegex(""), "");
+    EXPECT_EQ(veltrane::WhyNoRegex("a)"), "unmatched closing parenthesis (at byte 1)");
+    EXPECT_THAT(log.lines, IsEmpty());
 }
 
 TEST(Regex, EachThreadMatchesForItself)

@@ -18,15 +18,16 @@ namespace {
 class ProcessesPromise : public testing::Test {
   protected:
     // A process whose command line ends in the marker; it prints "usr1" and "usr2" for the signals of these names, and
-    // does not mind being told to terminate.
+    // does not mind being told to terminate. No shell: it would have children, which for a moment have its command
+    // line.
     std::unique_ptr<BackgroundProcess> Start()
     {
         ProcessOptions options;
-        options.arguments = {"-c",
-                             "trap 'echo usr1' USR1; trap 'echo usr2' USR2; trap '' TERM\n"
-                             "echo started\nwhile :; do sleep 1000 & wait; done",
-                             "sh", marker};
-        auto process = std::make_unique<BackgroundProcess>("/bin/sh", options);
+        options.arguments = {"-e",
+                             "$| = 1; $SIG{USR1} = sub { print \"usr1\\n\" }; $SIG{USR2} = sub { print \"usr2\\n\" };"
+                             "$SIG{TERM} = 'IGNORE'; print \"started\\n\"; sleep 1000 while 1;",
+                             marker};
+        auto process = std::make_unique<BackgroundProcess>("/usr/bin/perl", options);
         EXPECT_TRUE(process->WaitForLine("started"));
         return process;
     }

@@ -21,6 +21,11 @@
 #include <veltrane/time_lib.h>
 #include <veltrane/writer.h>
 
+#include "libvtenterprise/datapack_file_changes.h"
+#include "libvtenterprise/datapack_file_diffs.h"
+#include "libvtenterprise/datapack_histograms.h"
+#include "libvtenterprise/datapack_monitoring.h"
+#include "libvtenterprise/datapack_promise_log.h"
 #include "libvtenterprise/datapack_state.h"
 #include "libvtenterprise/diff_engine.h"
 #include "libvtenterprise/enterprise_install.h"
@@ -65,18 +70,6 @@ const ReportFilter *FilterOf(const char *name, const Query &query)
     return name != nullptr ? GetReportFilter(name, query.book) : nullptr;
 }
 
-void AppendCode(Seq *reply, CodeBookIndex chapter) { SeqAppend(reply, xstrdup(VT_CODEBOOK[chapter])); }
-
-// One CSV record as it travels.
-TextPtr PerformanceRow(const HubPerformance *performance, bool terminate)
-{
-    Writer *writer = StringWriter();
-    CsvWriter *csv = CsvWriterOpenSpecifyTerminate(writer, terminate);
-    HubPerformanceToCSV(performance, csv);
-    CsvWriterClose(csv);
-    return TextPtr(StringWriterClose(writer));
-}
-
 // Take the value of a performance entry into *event. A shorter one leaves the rest of *event as the entry before filled
 // it. False: the entry is skipped.
 bool TakeEvent(const void *value, int size, Event *event)
@@ -111,7 +104,7 @@ void PackPerformance(Seq *reply, const Query &query)
     const DBCursorPtr cursor(opened);
 
     Event event{};  // one for the whole walk: see TakeEvent
-    bool header_sent = false;
+    ReplyChapter chapter(reply, vtr_code_performance, "performance");
     char *key = nullptr;
     void *value = nullptr;
     int key_size = 0;
@@ -125,13 +118,9 @@ void PackPerformance(Seq *reply, const Query &query)
             Log(LOG_LEVEL_INFO, "Corrupt entry in database");
             continue;
         }
-        if (!header_sent) {
-            AppendCode(reply, vtr_code_performance);
-            header_sent = true;
-        }
         const HubPerformancePtr performance(
             HubPerformanceNew(nullptr, name.c_str(), event.t, event.Q.q, event.Q.expect, std::sqrt(event.Q.var)));
-        AppendReplyLine(reply, "performance", PerformanceRow(performance.get(), IsOldProtocol(query.version)));
+        chapter.Add(PerformanceRow(performance.get(), IsOldProtocol(query.version)));
     }
 }
 
@@ -152,6 +141,13 @@ void PackDelta(Seq *reply, const Query &query)
     }
     PackPerformance(reply, query);
     Vesk_PackExecutionStatus(reply, query.version);
+    PackFileChanges(reply, query.from);
+    Vesk_PackDiffs(reply, query.from);
+    const ReportFilter *slots = FilterOf("monitoring", query);
+    Vesk_PackMonitorMg(reply, query.from, slots);
+    Vesk_PackMonitorYr(reply, slots);
+    PackHistograms(reply, slots);
+    PackPromiseLog(reply, query.from, FilterOf("promise_handles", query));
 }
 
 // The header goes into the slot kept for it once the length of all other lines is known.
@@ -223,7 +219,7 @@ void Vesk_PackExecutionStatus(Seq *reply, ProtocolVersion version) noexcept
         return;
     }
     const std::string row = ExecutionStatusRow(time(nullptr), last_exec, average_interval, IsOldProtocol(version));
-    AppendCode(reply, vtr_code_execution_status);
+    AppendChapterCode(reply, vtr_code_execution_status);
     SeqAppend(reply, xstrdup(row.c_str()));
 }
 

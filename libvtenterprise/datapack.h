@@ -1,6 +1,6 @@
 // The whole reply to a report query: the header line and, in a fixed order, every chapter that the request calls for.
 //
-//   delta     header, CLD, VAD, LSD, SDI, SPD, ELD, PRD, EXS
+//   delta     header, CLD, VAD, LSD, SDI, SPD, ELD, PRD, EXS, CNG, CND, MOM, MOY, MOH, PLG
 //   rebase    header, CLD, VAD, LSD, SDI, SPD, ELD, EXS
 //   full      header
 //

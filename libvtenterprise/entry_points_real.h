@@ -14,6 +14,7 @@
 
 #include <veltrane/attributes.h>
 #include <veltrane/crypto.h>
+#include <veltrane/diagnostics.h>
 #include <veltrane/outcome.h>
 #include <veltrane/types.h>
 

@@ -52,14 +52,15 @@ void TakeBack(int fd, size_t written)
     }
 }
 
-// False with errno: nothing of text is in the file then.
-bool AppendWhole(int fd, std::string_view text)
+}  // namespace
+
+bool AppendRecord(int fd, std::string_view record)
 {
-    const ssize_t written = WriteOnce(fd, text);
-    if (written < 0 || static_cast<size_t>(written) == text.size()) {
+    const ssize_t written = WriteOnce(fd, record);
+    if (written < 0 || static_cast<size_t>(written) == record.size()) {
         return written >= 0;
     }
-    const std::string_view rest = text.substr(static_cast<size_t>(written));
+    const std::string_view rest = record.substr(static_cast<size_t>(written));
     const ssize_t more = WriteOnce(fd, rest);  // it tells why the first one was short
     if (more >= 0 && static_cast<size_t>(more) == rest.size()) {
         return true;
@@ -69,8 +70,6 @@ bool AppendWhole(int fd, std::string_view text)
     errno = error;
     return false;
 }
-
-}  // namespace
 
 void SafeWriteLog(const char *file, const char *text) noexcept
 {
@@ -84,7 +83,7 @@ void SafeWriteLog(const char *file, const char *text) noexcept
         Log(LOG_LEVEL_ERR, "Could not create log file at '%s', (open: %s)", path, GetErrorStr());
         return;
     }
-    if (!AppendWhole(log.Get(), text) || !log.Close()) {
+    if (!AppendRecord(log.Get(), text) || !log.Close()) {
         Log(LOG_LEVEL_ERR, "Could not write to log file '%s' (write: %s)", path, GetErrorStr());
     }
 }

@@ -6,6 +6,8 @@
 #ifndef LIBVTENTERPRISE_SAFE_WRITE_LOG_H
 #define LIBVTENTERPRISE_SAFE_WRITE_LOG_H
 
+#include <string_view>
+
 #include "libvtenterprise/export.h"
 
 // Append text to a file of the state directory, which is made (0600) with the directories above it when missing.
@@ -14,5 +16,9 @@
 // text      bytes up to its zero; NULL = nothing to do
 // Failure   logged at error level; the record is lost, and the run goes on
 VT_EXPORT void SafeWriteLog(const char *file, const char *text) noexcept;
+
+// The writing alone, for a log that its caller has opened for appending. False with errno: nothing of the record is in
+// the file then.
+bool AppendRecord(int fd, std::string_view record);
 
 #endif

@@ -11,6 +11,7 @@
 #include <veltrane/crypto.h>
 #include <veltrane/eval_context.h>
 #include <veltrane/globals.h>
+#include <veltrane/logging.h>
 #include <veltrane/set.h>
 #include <veltrane/string_lib.h>
 #include <veltrane/writer.h>
@@ -25,6 +26,19 @@ void EvalContextSetupHubviewLogHookDefault(EvalContext *) {}
 void EvalContextLogPromiseIterationOutcomeDefault(const EvalContext *, const Promise *, PromiseResult) {}
 void TrackTotalComplianceDefault(PromiseResult, const Promise *) {}
 void LogTotalComplianceDefault(const char *, int) {}
+
+// The host's own checks have already run.
+void AgentDiagnosticsRunAllChecksVeskDefault(const char *, Writer *, AgentDiagnosticsRunFunction,
+                                             AgentDiagnosticsResultNewFunction)
+{
+}
+
+PromiseResult LogFileChangeDefault(EvalContext *, const char *file, int, const Attributes *, const Promise *,
+                                   CopyRegularFileFunction, const char *, DeleteCompressedArrayFunction)
+{
+    Log(LOG_LEVEL_VERBOSE, "Line differences of '%s' need the enterprise plug-in", file);
+    return PROMISE_RESULT_NOOP;
+}
 
 bool ReturnQueryDataDefault(ServerConnectionState *, char *, int) { return false; }
 void KeepReportDataSelectAccessPromiseDefault(const Promise *) {}

@@ -64,6 +64,9 @@ const std::vector<std::string> kSignatures = {
     "void EvalContextLogPromiseIterationOutcome(ctx, pp, result)",
     "void TrackTotalCompliance(status, pp)",
     "void LogTotalCompliance(version, background_tasks)",
+    "void AgentDiagnosticsRunAllChecksVesk(workdir, output, AgentDiagnosticsRunPtr, func_ptr)",
+    "PromiseResult LogFileChange(ctx, file, change, attr, pp, CopyRegularFilePtr, destination, "
+    "DeleteCompressedArrayPtr)",
     "_Bool ReturnQueryData(conn, menu, encrypt)",
     "void KeepReportDataSelectAccessPromise(pp)",
     "void CleanReportBookFilterSet()",

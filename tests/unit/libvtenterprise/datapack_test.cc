@@ -17,9 +17,12 @@
 #include <veltrane/time_lib.h>
 
 #include "libvtenterprise/report_data.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/texts.h"
-#include "tests/support/work_dir.h"
+#include "support/fake_measurements.h"
+#include "support/golden.h"
+#include "support/log_capture.h"
+#include "support/promise_log_lines.h"
+#include "support/texts.h"
+#include "support/work_dir.h"
 
 namespace {
 
@@ -68,10 +71,25 @@ std::string StreamOf(const Seq *reply)
     return stream;
 }
 
-std::string GoldenStream(const std::string &name) { return ReadFile(VT_TEST_SOURCE_DIR "/golden/stream/" + name); }
+// A histogram file in which one slot was measured on one day at one distance from its average.
+std::string HistogramFile()
+{
+    constexpr int kLoadOnMonday = 4 * VT_WEEK_DAYS;
+    std::string file;
+    for (int position = 0; position < VT_HISTOGRAM_POSITIONS; ++position) {
+        file += std::to_string(position);
+        for (int value = 0; value < VT_OBSERVABLES * VT_WEEK_DAYS; ++value) {
+            file += value == kLoadOnMonday && position == 32 ? " 30.0000" : " 0.0000";
+        }
+        file += " \n";
+    }
+    return file;
+}
 
 class Datapack : public ::testing::Test {
   protected:
+    Datapack() { Measurements() = {}; }
+
     SeqPtr Pack(ReportRequestType type, ProtocolVersion version = VT_PROTOCOL_COOKIE,
                 const ReportBookFilter *book = nullptr) const
     {
@@ -137,6 +155,20 @@ class Datapack : public ::testing::Test {
         WriteRecords("previous_state/execution_log.cache", {execution});
         WriteEvent("Packing reports: delta", 1700000500, 0.25, 0.5, 0.0625);
         WriteExecution(300.9, 1600000000);
+        FillLogsAndMeasurements();
+    }
+
+    void FillLogsAndMeasurements() const
+    {
+        WriteFile(work_.State("file_changes.log"),
+                  "1700000000,/etc/motd,M,before\n1700000400,/etc/motd,M,content changed\n"
+                  "1700000700,/etc/a \"quoted\" name,P,mode 0600 set to 0644\n");
+        WriteFile(work_.State("vesk_diff.log"),
+                  "CHANGE /etc/motd\npromise handle: motd_ok\n1700000400;2\n-,1,old\n+,1,new\t\"text\"\nEND\n");
+        Measurements().samples = {Measured(1700000300, {{4, {0.5, 0.25, 0.0625, 0.25}}})};
+        Measurements().weeks = {Measured(1699833600, {{4, {0.5, 0.25, 0.0625, 0.25}}})};
+        WriteFile(work_.State("histograms"), HistogramFile());
+        WriteFile(work_.State("promise_log.jsonl"), PromiseLogText({.timestamp = 1700000180, .handle = "motd_ok"}));
     }
 
     WorkDirectory work_;
@@ -148,21 +180,21 @@ TEST_F(Datapack, ADeltaIsTheGoldenStream)
 {
     FillSources();
 
-    EXPECT_EQ(StreamOf(Pack(REPORT_REQUEST_TYPE_DELTA).get()), GoldenStream("delta.stream"));
+    ExpectGolden("stream/delta.stream", StreamOf(Pack(REPORT_REQUEST_TYPE_DELTA).get()));
 }
 
 TEST_F(Datapack, ADeltaForAnOldPeerIsTheGoldenStream)
 {
     FillSources();
 
-    EXPECT_EQ(StreamOf(Pack(REPORT_REQUEST_TYPE_DELTA, VT_PROTOCOL_TLS).get()), GoldenStream("delta-old-peer.stream"));
+    ExpectGolden("stream/delta-old-peer.stream", StreamOf(Pack(REPORT_REQUEST_TYPE_DELTA, VT_PROTOCOL_TLS).get()));
 }
 
 TEST_F(Datapack, ARebaseIsTheGoldenStream)
 {
     FillSources();
 
-    EXPECT_EQ(StreamOf(Pack(REPORT_REQUEST_TYPE_REBASE).get()), GoldenStream("rebase.stream"));
+    ExpectGolden("stream/rebase.stream", StreamOf(Pack(REPORT_REQUEST_TYPE_REBASE).get()));
 }
 
 TEST_F(Datapack, AFullRequestIsItsHeaderAloneWithAWarning)
@@ -170,7 +202,7 @@ TEST_F(Datapack, AFullRequestIsItsHeaderAloneWithAWarning)
     LogCapture log;
     FillSources();
 
-    EXPECT_EQ(StreamOf(Pack(REPORT_REQUEST_TYPE_FULL).get()), GoldenStream("full.stream"));
+    ExpectGolden("stream/full.stream", StreamOf(Pack(REPORT_REQUEST_TYPE_FULL).get()));
 
     EXPECT_THAT(PackLines(REPORT_REQUEST_TYPE_FULL), ElementsAre("VTR: 7 1700001000 0"));
     EXPECT_TRUE(log.Has(LOG_LEVEL_WARNING, "Request for FULL query have been deprecated"));
@@ -190,7 +222,7 @@ TEST_F(Datapack, TheGoldenStreamsReadBackIntoChapters)
         EXPECT_EQ(report->requested_timestamp, kClockError);
         EXPECT_EQ(report->response_timestamp, kTo);
         EXPECT_EQ(report->last_exec_timestamp, 1600000000);
-        EXPECT_EQ(MapSize(report->map), std::string(name) == "rebase.stream" ? 7U : 8U);
+        EXPECT_EQ(MapSize(report->map), std::string(name) == "rebase.stream" ? 7U : 14U);
         EXPECT_THAT(log.lines, IsEmpty());
     }
 }
@@ -228,25 +260,42 @@ TEST_F(Datapack, WithoutAnySourceTheReplyIsItsHeader)
 {
     LogCapture log;
 
-    EXPECT_THAT(PackLines(REPORT_REQUEST_TYPE_DELTA), ElementsAre("VTR: 7 1700001000 0"));
     EXPECT_THAT(PackLines(REPORT_REQUEST_TYPE_REBASE), ElementsAre("VTR: 7 1700001000 0"));
-
     EXPECT_THAT(log.UpTo(LOG_LEVEL_WARNING), IsEmpty());
+
+    EXPECT_THAT(PackLines(REPORT_REQUEST_TYPE_DELTA), ElementsAre("VTR: 7 1700001000 0"));
+    EXPECT_THAT(log.UpTo(LOG_LEVEL_WARNING),
+                ElementsAre(Pair(LOG_LEVEL_ERR, "Could not find promise log files while preparing reports")));
 }
 
-TEST_F(Datapack, ADeltaWithoutChangesStillCarriesTheExecutionStatus)
+TEST_F(Datapack, ADeltaWithoutChangesStillCarriesTheExecutionStatusAndTheHistogramChapter)
 {
     WriteExecution(300, 1600000000);
-
     EXPECT_THAT(PackLines(REPORT_REQUEST_TYPE_DELTA), ElementsAre("VTR: 7 1700001000 19", "EXS", "t,300,1600000000"));
+
+    WriteFile(work_.State("histograms"), "");
+    EXPECT_THAT(PackLines(REPORT_REQUEST_TYPE_DELTA),
+                ElementsAre("VTR: 7 1700001000 22", "EXS", "t,300,1600000000", "MOH"));
+}
+
+TEST_F(Datapack, ADeltaCarriesItsChaptersInTheirOrder)
+{
+    FillSources();
+
+    Texts codes;
+    for (const std::string &line : PackLines(REPORT_REQUEST_TYPE_DELTA)) {
+        if (line.size() == 3) {
+            codes.push_back(line);
+        }
+    }
+
+    EXPECT_THAT(codes, ElementsAre("CLD", "VAD", "LSD", "SDI", "SPD", "ELD", "PRD", "EXS", "CNG", "CND", "MOM", "MOY",
+                                   "MOH", "PLG"));
 }
 
 TEST_F(Datapack, ARebaseNeverCarriesPerformanceFileChangesHistogramsOrPromiseLogs)
 {
     FillSources();
-    WriteFile(work_.State("file_changes.log"), "1700000500,/etc/motd,M,changed\n");
-    WriteFile(work_.State("histograms"), "0 1 ");
-    WriteFile(work_.State("promise_log.jsonl"), "{}\n");
 
     const Texts lines = PackLines(REPORT_REQUEST_TYPE_REBASE);
 
@@ -285,6 +334,24 @@ TEST_F(Datapack, TagsFilterClassesAndVariablesAndHandlesTheExecutionLog)
     for (const char *code : {"CLD", "LSD", "SDI", "SPD"}) { EXPECT_THAT(rebase, Contains(code)); }
 }
 
+TEST_F(Datapack, SlotNamesFilterMeasurementsAndHandlesThePromiseLog)
+{
+    const std::unique_ptr<ReportBookFilter, veltrane::Destroyer<ReportBookFilterDestroy>> book(
+        ReportBookFilterNewFrom("delta"));
+    for (const auto &[type, pattern] : {std::pair("monitoring", "load.*"), std::pair("promise_handles", "motd_ok")}) {
+        Seq *excluded = SeqNew(1, free);
+        SeqAppend(excluded, xstrdup(pattern));
+        ReportBookFilterAppendReportFilter(book.get(), ReportFilterNewFrom(type, nullptr, excluded));
+    }
+    FillSources();
+
+    const Texts lines = SeqTexts(Pack(REPORT_REQUEST_TYPE_DELTA, VT_PROTOCOL_COOKIE, book.get()).get());
+
+    for (const char *code : {"MOM", "MOY", "PLG"}) { EXPECT_THAT(lines, Not(Contains(code))); }
+    EXPECT_EQ(lines.back(), "MOH");
+    for (const char *code : {"CNG", "CND", "PRD"}) { EXPECT_THAT(lines, Contains(code)); }
+}
+
 TEST_F(Datapack, ABookWithoutFiltersLetsEverythingThrough)
 {
     FillSources();
@@ -292,7 +359,7 @@ TEST_F(Datapack, ABookWithoutFiltersLetsEverythingThrough)
         ReportBookFilterNewFrom("delta"));
 
     EXPECT_EQ(StreamOf(Pack(REPORT_REQUEST_TYPE_DELTA, VT_PROTOCOL_COOKIE, book.get()).get()),
-              GoldenStream("delta.stream"));
+              GoldenBytes("stream/delta.stream"));
 }
 
 // --- Performance -----------------------------------------------------------------------------------------------------
@@ -382,6 +449,7 @@ TEST_F(Datapack, TheFirstEventWithAShortValueHasZerosInItsRest)
 TEST_F(Datapack, AnEventWithoutAValueIsSkipped)
 {
     LogCapture log;
+    WriteFile(work_.State("promise_log.jsonl"), "");
     WriteEvent("a", kFrom + 1);
     ASSERT_TRUE(WriteDB(Open(dbid_performance).get(), "b", "", 0));
 

@@ -6,8 +6,9 @@
 
 VT_BEGIN_DECLS
 
-typedef enum             // never renumber; the numbers between are the library's own stores
-{ dbid_performance = 2,  // "performance"         event name -> Event (measure.h)
+typedef enum               // never renumber; the numbers between are the library's own stores
+{ dbid_performance = 2,    // "performance"         event name -> Event (measure.h)
+  dbid_watched_files = 5,  // "watched_files"       path -> what the agent last saw there; the host's own
   dbid_lastseen = 8,  // "lastseen"            "q" + direction + key hash -> KeyHostSeen; "k" + key hash -> address text
   dbid_scalars = 14,  // "scalars"             handle -> PersistentScalar
   dbid_cache = 16,    // "cache"               caller_handle -> text and its zero
@@ -43,8 +44,8 @@ int ValueSizeDB(DBHandle *db, const char *key, int key_size);
 // the key exists
 bool ReadDB(DBHandle *db, const char *key, void *buffer, int size);
 
-// adds or replaces; false with errno. Durable on return, except lastseen and performance, which are flushed when
-// the handle is closed
+// adds or replaces; false with errno. Durable on return, except lastseen, performance and watched_files, which are
+// flushed when the handle is closed
 bool WriteDB(DBHandle *db, const char *key, const void *value, int size);
 
 // false when absent or on failure

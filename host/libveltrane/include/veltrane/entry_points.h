@@ -9,7 +9,9 @@
 #include <openssl/evp.h>
 #include <time.h>
 
+#include <veltrane/attributes.h>
 #include <veltrane/crypto.h>
+#include <veltrane/diagnostics.h>
 #include <veltrane/outcome.h>
 #include <veltrane/types.h>
 

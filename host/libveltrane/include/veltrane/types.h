@@ -60,6 +60,7 @@ typedef struct LoggingPrivContext LoggingPrivContext;
 typedef struct Map_ Map;
 typedef struct MapIterator_ MapIterator;
 typedef struct MapKeyValue_ MapKeyValue;
+typedef struct MonitorSample_ MonitorSample;
 typedef struct PackageItem_ PackageItem;
 typedef struct PackageManager_ PackageManager;
 typedef struct PersistentScalar_ PersistentScalar;

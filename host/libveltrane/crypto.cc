@@ -5,6 +5,7 @@
 // only. The letter of a connection says cipher and key size; what a letter means is asked of the entry points.
 #include <veltrane/crypto.h>
 
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 #include <openssl/provider.h>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -19,6 +21,8 @@
 #include <veltrane/entry_points.h>
 #include <veltrane/file_lib.h>
 #include <veltrane/owned.h>
+
+#include "libveltrane/hash_descriptor.h"
 
 namespace {
 
@@ -114,6 +118,28 @@ unsigned char *Bytes(char *text) { return reinterpret_cast<unsigned char *>(text
 
 }  // namespace
 
+bool veltrane::HashDescriptor(int fd, unsigned char *digest, HashMethod type)
+{
+    const EVP_MD *method = DigestOf(type);
+    const DigestContextPtr context(EVP_MD_CTX_new());
+    if (method == nullptr || context == nullptr || EVP_DigestInit_ex(context.get(), method, nullptr) != 1) {
+        return false;
+    }
+    std::array<char, 65536> piece;
+    for (;;) {
+        const ssize_t n = read(fd, piece.data(), piece.size());
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return n == 0 && EVP_DigestFinal_ex(context.get(), digest, nullptr) == 1;
+        }
+        if (EVP_DigestUpdate(context.get(), piece.data(), static_cast<size_t>(n)) != 1) {
+            return false;
+        }
+    }
+}
+
 extern "C" {
 
 size_t HashMethodLength(HashMethod type)
@@ -148,23 +174,11 @@ bool HashBytes(const void *data, size_t size, unsigned char *digest, HashMethod 
 
 bool HashFile(const char *path, unsigned char *digest, HashMethod type)
 {
-    const EVP_MD *method = DigestOf(type);
-    if (method == nullptr) {
+    if (DigestOf(type) == nullptr) {
         return false;
     }
-    const veltrane::FilePtr file(safe_fopen(path, "r"));
-    const DigestContextPtr context(EVP_MD_CTX_new());
-    if (file == nullptr || context == nullptr || EVP_DigestInit_ex(context.get(), method, nullptr) != 1) {
-        return false;
-    }
-    std::array<char, 65536> piece;
-    size_t n = 0;
-    while ((n = fread(piece.data(), 1, piece.size(), file.get())) > 0) {
-        if (EVP_DigestUpdate(context.get(), piece.data(), n) != 1) {
-            return false;
-        }
-    }
-    return ferror(file.get()) == 0 && EVP_DigestFinal_ex(context.get(), digest, nullptr) == 1;
+    const veltrane::Descriptor file(safe_open(path, O_RDONLY));
+    return file.IsOpen() && veltrane::HashDescriptor(file.Get(), digest, type);
 }
 
 int EncryptString(char *out, size_t out_size, const char *in, int in_length, char type, const unsigned char *key)

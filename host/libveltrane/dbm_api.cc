@@ -43,6 +43,7 @@ struct Database {
 
 constexpr Database kDatabases[] = {
     {dbid_performance, "performance", true},
+    {dbid_watched_files, "watched_files", true},
     {dbid_lastseen, "lastseen", true},
     {dbid_scalars, "scalars", false},
     {dbid_cache, "cache", false},

@@ -1,5 +1,5 @@
 // Two readers of processes: libproc2, which reads /proc and nothing else, and a small one for a tree somewhere else.
-// Every use of libproc2 is in this file, for its interface changes between releases.
+// Every use of libproc2 is here and in machine_measurements.cc, for its interface changes between releases.
 #include "libveltrane/process_table.h"
 
 #include <libproc2/pids.h>

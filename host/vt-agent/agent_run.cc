@@ -29,6 +29,7 @@
 #include "libveltrane/log_limits.h"
 #include "libveltrane/policy_control.h"
 #include "vt-agent/commands.h"
+#include "vt-agent/diagnostics.h"
 #include "vt-agent/files_promise.h"
 #include "vt-agent/packages_promise.h"
 #include "vt-agent/processes_promise.h"
@@ -70,7 +71,7 @@ bool IsThere(const std::string &path)
     return lstat(path.c_str(), &status) == 0;
 }
 
-Evaluation AgentEvaluation(PackageKeeper *packages)
+Evaluation AgentEvaluation(PackageKeeper *packages, ChangeWatch *watch)
 {
     Evaluation evaluation;
     evaluation.actuators["commands"] = KeepCommandsPromise;
@@ -79,7 +80,9 @@ Evaluation AgentEvaluation(PackageKeeper *packages)
         return KeepPackagesPromise(packages, ctx, expanded);
     };
     evaluation.actuators["processes"] = KeepProcessesPromise;
-    evaluation.actuators["files"] = KeepFilesPromise;
+    evaluation.actuators["files"] = [watch](EvalContext *ctx, const Promise *expanded) {
+        return KeepFilesPromise(watch, ctx, expanded);
+    };
     evaluation.outcome = [](EvalContext *ctx, const Promise *expanded, PromiseResult result) {
         EvalContextLogPromiseIterationOutcome(ctx, expanded, result);
         TrackTotalCompliance(result, expanded);
@@ -155,7 +158,8 @@ bool RunPolicy(const AgentOptions &options, const std::string &path, Role role =
         EvalContextClassPutSoft(ctx.get(), name.c_str(), "source=command_line");
     }
     PackageKeeper packages;
-    if (!EvaluateBundles(ctx.get(), policy.get(), "agent", AgentEvaluation(&packages))) {
+    ChangeWatch watch;
+    if (!EvaluateBundles(ctx.get(), policy.get(), "agent", AgentEvaluation(&packages, &watch))) {
         return false;
     }
     Log(LOG_LEVEL_VERBOSE, "Promise iterations of '%s': %d kept, %d repaired, %d not kept", path.c_str(),
@@ -204,10 +208,15 @@ int RunAgent(const AgentOptions &options)
     if (!StartProgram(options.program) || !LockAgent()) {
         return kTrouble;
     }
-    RepairLogTails();
+    if (!options.diagnostics) {
+        RepairLogTails();
+    }
     {
         const EvalContextPtr ctx(EvalContextNew());
         Vesk_Initialize(ctx.get());
+    }
+    if (options.diagnostics) {
+        return RunDiagnostics() ? kRan : kTrouble;
     }
     CollectedMessages::SetUp();
     const bool ran = options.file.empty() ? RunRoles(options) : RunPolicy(options, InputPath(options.file));

@@ -15,6 +15,7 @@ struct AgentOptions {
     std::vector<std::string> define;  // classes that hold from the start
     bool log_classes = false;         // as "report_class_log" of the policy's agent control section
     bool show_version = false;        // print the version and do nothing else
+    bool diagnostics = false;         // check the installation and do nothing else
 };
 
 // Run the agent to its end: the exit status of the program.

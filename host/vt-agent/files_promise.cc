@@ -2,6 +2,7 @@
 #include "vt-agent/files_promise.h"
 
 #include <string>
+#include <utility>
 
 #include <veltrane/logging.h>
 
@@ -17,8 +18,9 @@ namespace {
 struct Verdict {
     Done done{};
     Trouble trouble{};
-    bool missing = false;  // it is not there, and may not be created
-    TreeTally tally{};     // of what is below it
+    bool missing = false;                            // it is not there, and may not be created
+    TreeTally tally{};                               // of what is below it
+    PromiseResult details = PROMISE_RESULT_SKIPPED;  // of the lines that changed; said already
 };
 
 bool WantsPerms(const PermsWish &wish)
@@ -142,7 +144,19 @@ void KeepFile(const FilesRequest &request, Verdict *verdict)
     }
 }
 
-// The one word on a promise. What was repaired before something failed is said by itself.
+void Watch(ChangeWatch *watch, EvalContext *ctx, const Promise *expanded, const FilesRequest &request, Verdict *verdict)
+{
+    WatchResult result = watch->Watch(ctx, expanded, request);
+    verdict->done.insert(verdict->done.end(), result.done.begin(), result.done.end());
+    verdict->tally.repaired += result.tally.repaired;
+    verdict->tally.failed += result.tally.failed;
+    verdict->details = result.details;
+    if (!verdict->trouble.has_value()) {
+        verdict->trouble = std::move(result.trouble);
+    }
+}
+
+// The word on a promise's own work and watching. What was repaired before something failed is said by itself.
 PromiseResult Judge(EvalContext *ctx, const Promise *expanded, const FilesRequest &request, const Verdict &verdict)
 {
     const char *path = expanded->promiser;
@@ -173,13 +187,16 @@ PromiseResult Judge(EvalContext *ctx, const Promise *expanded, const FilesReques
         RecordChange(ctx, expanded, attr, "File '%s' is repaired: %s", path, Listed(done).c_str());
         return PROMISE_RESULT_CHANGE;
     }
+    if (PromiseResultUpdate(PROMISE_RESULT_NOOP, verdict.details) != PROMISE_RESULT_NOOP) {
+        return verdict.details;
+    }
     RecordNoChange(ctx, expanded, attr, "File '%s' is as promised", path);
     return PROMISE_RESULT_NOOP;
 }
 
 }  // namespace
 
-PromiseResult KeepFilesPromise(EvalContext *ctx, const Promise *expanded)
+PromiseResult KeepFilesPromise(ChangeWatch *watch, EvalContext *ctx, const Promise *expanded)
 {
     FilesRequest request;
     Verdict verdict;
@@ -193,11 +210,10 @@ PromiseResult KeepFilesPromise(EvalContext *ctx, const Promise *expanded)
             KeepFile(request, &verdict);
         }
         if (request.watches_changes) {
-            Log(LOG_LEVEL_VERBOSE, "Changes of '%s' are not watched: this agent keeps no log of changes",
-                expanded->promiser);
+            Watch(watch, ctx, expanded, request, &verdict);
         }
     }
-    return Judge(ctx, expanded, request, verdict);
+    return PromiseResultUpdate(Judge(ctx, expanded, request, verdict), verdict.details);
 }
 
 }  // namespace veltrane

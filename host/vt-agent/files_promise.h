@@ -1,7 +1,7 @@
 // Promises of type "files": what a path is to hold, who owns it, where it is copied from, and what is to be gone.
 //
 // The attributes are done in this order: what stands in the way is moved aside, the file is made, written or copied,
-// permissions are set. Each promise iteration is judged once, at its end:
+// permissions are set, changes are watched. Each promise iteration is judged once, at its end:
 //
 //   kept      nothing had to be done
 //   repaired  something was done; the message says what
@@ -15,9 +15,12 @@
 #include <veltrane/outcome.h>
 #include <veltrane/policy.h>
 
+#include "vt-agent/files_changes.h"
+
 namespace veltrane {
 
-PromiseResult KeepFilesPromise(EvalContext *ctx, const Promise *expanded);
+// watch: of the run.
+PromiseResult KeepFilesPromise(ChangeWatch *watch, EvalContext *ctx, const Promise *expanded);
 
 }  // namespace veltrane
 

@@ -237,8 +237,19 @@ Trouble TakeDepthSearch(const Promise *expanded, FilesRequest *request)
 
 Trouble TakeChanges(const Promise *expanded, FilesRequest *request)
 {
+    const Settings settings(expanded, "changes");
     request->watches_changes = PromiseGetConstraint(expanded, "changes") != nullptr;
-    return std::nullopt;
+    std::optional<std::string> repository;
+    Trouble trouble = settings.Truth("report_diffs", &request->report_diffs);
+    if (!trouble.has_value()) {
+        trouble = settings.Text("repository", &repository);
+    }
+    if (trouble.has_value() || !repository.has_value()) {
+        return trouble;
+    }
+    request->repository = *repository;
+    return repository->starts_with('/') ? std::nullopt
+                                        : Trouble("its repository '" + *repository + "' is no absolute path");
 }
 
 // Attributes that are good by themselves and make no sense together.

@@ -26,8 +26,10 @@ struct FilesRequest {
     PermsWish perms{};
     std::optional<TreeBounds> depth_search{};
     bool watches_changes = false;
-    Attributes attr{};  // as the Record functions and the copy routine take them
-    RlistPtr servers;   // what attr.copy lends
+    bool report_diffs = false;  // of what is watched: the lines that changed
+    std::string repository{};   // directory of the copies that lines are compared with; "" = beside the file
+    Attributes attr{};          // as the Record functions and the copy routine take them
+    RlistPtr servers;           // what attr.copy lends
 
     bool MayCreate() const { return create.value_or(content.has_value() || source.has_value()); }
 };

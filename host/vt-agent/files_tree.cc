@@ -30,12 +30,7 @@ class JudgingVisitor : public TreeVisitor {
   protected:
     void Judge(const std::string &path, const Done &done, const Trouble &trouble)
     {
-        if (!done.empty() && tally_->repaired++ < kMostLines) {
-            Log(LOG_LEVEL_INFO, "File '%s' is repaired: %s", path.c_str(), Listed(done).c_str());
-        }
-        if (trouble.has_value() && tally_->failed++ < kMostLines) {
-            Log(LOG_LEVEL_ERR, "File '%s' is not kept: %s", path.c_str(), trouble->c_str());
-        }
+        JudgeEntry(path, done, trouble, tally_);
     }
 
     size_t Failures() const { return tally_->failed; }
@@ -256,7 +251,36 @@ class CopyingVisitor : public JudgingVisitor {
     std::unique_ptr<CompressedArray, Destroyer<DeleteCompressedArray>> inode_cache_;
 };
 
+class WatchingVisitor : public JudgingVisitor {
+  public:
+    WatchingVisitor(const WatchEntry &watch, TreeTally *tally) : JudgingVisitor(tally), watch_(watch) {}
+
+    bool Enter(const TreeEntry &) override { return true; }
+    void Leave(const TreeEntry &) override {}
+    void Visit(const TreeEntry &entry) override
+    {
+        if (S_ISREG(entry.handle.st.st_mode)) {
+            Done done;
+            const Trouble trouble = watch_(entry.place.path, entry.handle, &done);
+            Judge(entry.place.path, done, trouble);
+        }
+    }
+
+  private:
+    const WatchEntry &watch_;
+};
+
 }  // namespace
+
+void JudgeEntry(const std::string &path, const Done &done, const Trouble &trouble, TreeTally *tally)
+{
+    if (!done.empty() && tally->repaired++ < kMostLines) {
+        Log(LOG_LEVEL_INFO, "File '%s' is repaired: %s", path.c_str(), Listed(done).c_str());
+    }
+    if (trouble.has_value() && tally->failed++ < kMostLines) {
+        Log(LOG_LEVEL_ERR, "File '%s' is not kept: %s", path.c_str(), trouble->c_str());
+    }
+}
 
 void SetPermsBelow(const Spot &root, const FilesRequest &request, TreeTally *tally)
 {
@@ -274,6 +298,12 @@ void CopyBelow(const Spot &source, const Spot &root, const FilesRequest &request
 {
     CopyingVisitor visitor(root, request, tally);
     WalkTree(source.place, *source.handle, *request.depth_search, &visitor);
+}
+
+void WatchBelow(const Spot &root, const FilesRequest &request, const WatchEntry &watch, TreeTally *tally)
+{
+    WatchingVisitor visitor(watch, tally);
+    WalkTree(root.place, *root.handle, *request.depth_search, &visitor);
 }
 
 }  // namespace veltrane

@@ -1,7 +1,7 @@
 // vt-agent, and vt-twin, which is the same program under its second name: the command line.
 //
-// Exit status: 0 when the run came to its end, promises that are not kept included; 1 when the policy or the work
-// directory is in trouble, or another agent is at work; 2 for wrong usage.
+// Exit status: 0 when the run came to its end, promises that are not kept and checks that fail included; 1 when the
+// policy or the work directory is in trouble, or another agent is at work; 2 for wrong usage.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
@@ -34,6 +34,7 @@ int main(int argc, char **argv)
     app.add_flag("-d,--debug", debug, "Tell everything");
     app.add_flag("--log-classes", options.log_classes, "Append the classes of the run to state/classes.jsonl");
     app.add_flag("--fips", options.program.fips, "Run in FIPS mode");
+    app.add_flag("--diagnostics", options.diagnostics, "Check the installation, print what was found and end");
     app.add_flag("-V,--version", options.show_version, "Print the version and end");
 
     try {

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <functional>
 #include <map>
+#include <sstream>
 
 #include <veltrane/csv.h>
 #include <veltrane/owned.h>
@@ -30,6 +31,7 @@ struct Column {
 struct ChapterShape {
     const char *title;
     std::vector<Column> columns;
+    bool last_takes_rest = false;  // what follows the last column's field is shown in it too
 };
 
 std::string AsTime(const ReportReader &, const std::string &field)
@@ -66,6 +68,14 @@ std::string AsDirection(const ReportReader &reader, const std::string &field)
 std::string AsOutcome(const ReportReader &reader, const std::string &field)
 {
     return reader.promise_state_to_string(static_cast<PromiseState>(AsNumber(field)));
+}
+
+std::string AsChange(const ReportReader &, const std::string &field)
+{
+    static const std::map<std::string, std::string> words{
+        {"A", "added"}, {"M", "content"}, {"P", "permissions"}, {"D", "deleted"}};
+    const auto known = words.find(field);
+    return known != words.end() ? known->second : field;
 }
 
 std::string AsOverdue(const ReportReader &, const std::string &field)
@@ -105,6 +115,26 @@ ChapterShape DiffShape(const char *title, std::vector<Column> record_columns)
     return shape;
 }
 
+std::vector<Column> OutcomeColumns()
+{
+    return {Wide("PROMISE"),   Wide("POLICY FILE"), Wide("RELEASE"),   {"OUTCOME", AsOutcome}, Wide("NAMESPACE"),
+            Plain("BUNDLE"),   Plain("TYPE"),       Plain("PROMISER"), Wide("PATH"),           Plain("HANDLE"),
+            Wide("PROMISEES"), Plain("MESSAGES"),   Wide("LINE"),      Wide("FILE HASH"),      Wide("TAGS")};
+}
+
+ChapterShape PromiseLogShape()
+{
+    ChapterShape shape{"repaired and not kept", {{"TIME", AsTime}}};
+    const std::vector<Column> outcome = OutcomeColumns();
+    shape.columns.insert(shape.columns.end(), outcome.begin(), outcome.end());
+    return shape;
+}
+
+ChapterShape MeasurementShape(const char *title, const char *time)
+{
+    return {title, {Plain("SLOT"), Plain("DEVIATION"), Plain("AVERAGE"), Plain("LAST"), {time, AsTime}}};
+}
+
 const std::map<CodeBookIndex, ChapterShape> &Shapes()
 {
     static const std::map<CodeBookIndex, ChapterShape> shapes{
@@ -121,26 +151,19 @@ const std::map<CodeBookIndex, ChapterShape> &Shapes()
         {vtr_code_software_diff, DiffShape("software", {Plain("NAME"), Plain("VERSION"), Plain("ARCHITECTURE")})},
         {vtr_code_software_patch_diff,
          DiffShape("patches", {Plain("NAME"), Plain("VERSION"), Plain("ARCHITECTURE"), Wide("STATUS")})},
-        {vtr_code_execution_log_diff, DiffShape("promise outcomes", {Wide("PROMISE"),
-                                                                     Wide("POLICY FILE"),
-                                                                     Wide("RELEASE"),
-                                                                     {"OUTCOME", AsOutcome},
-                                                                     Wide("NAMESPACE"),
-                                                                     Plain("BUNDLE"),
-                                                                     Plain("TYPE"),
-                                                                     Plain("PROMISER"),
-                                                                     Wide("PATH"),
-                                                                     Plain("HANDLE"),
-                                                                     Wide("PROMISEES"),
-                                                                     Plain("MESSAGES"),
-                                                                     Wide("LINE"),
-                                                                     Wide("FILE HASH"),
-                                                                     Wide("TAGS")})},
+        {vtr_code_execution_log_diff, DiffShape("promise outcomes", OutcomeColumns())},
         {vtr_code_execution_status,
          {"agent", {{"OVERDUE", AsOverdue}, Plain("USUAL INTERVAL (S)"), {"LAST RUN", AsTime}}}},
         {vtr_code_performance,
          {"performance",
           {Plain("EVENT"), Plain("DEVIATION (S)"), Plain("AVERAGE (S)"), Plain("LAST (S)"), {"TIME", AsTime}}}},
+        {vtr_code_fchange,
+         {"file changes", {{"TIME", AsTime}, Plain("FILE"), {"CHANGE", AsChange}, Plain("WHAT")}, true}},
+        {vtr_code_fdiff, {"file differences", {}}},  // printed by PrintDifferences
+        {vtr_code_monitor_mg, MeasurementShape("recent measurements", "TIME")},
+        {vtr_code_monitor_yr, MeasurementShape("weekly averages", "WEEK FROM")},
+        {vtr_code_monitor_hg, {"histograms", {Plain("SLOT"), Plain("SAMPLES BY DISTANCE FROM THE AVERAGE")}, true}},
+        {vtr_code_promise_log, PromiseLogShape()},
     };
     return shapes;
 }
@@ -155,6 +178,10 @@ std::vector<std::string> Cells(const ReportReader &reader, const ChapterShape &s
     std::vector<std::string> cells;
     for (std::size_t i = 0; i < SeqLength(fields.get()); ++i) {
         const std::string field = static_cast<const char *>(SeqAt(fields.get(), i));
+        if (shape.last_takes_rest && i >= shape.columns.size()) {
+            cells.back() += " " + field;
+            continue;
+        }
         const Column column = i < shape.columns.size() ? shape.columns[i] : Column{""};
         if (wide || !column.only_wide) {
             cells.push_back(column.words != nullptr ? column.words(reader, field) : field);
@@ -178,6 +205,36 @@ Table ChapterTable(const ReportReader &reader, const ChapterShape &shape, const 
     return table;
 }
 
+// What changed in a file: a line for the change, and below it one for each line of the file.
+void PrintDifference(std::ostream &out, const ReportReader &reader, const char *row)
+{
+    const veltrane::SeqPtr fields(SeqParseCsvString(row));
+    if (fields == nullptr || SeqLength(fields.get()) != 4) {
+        out << "  " << Printable(row) << '\n';
+        return;
+    }
+    const auto field = [&fields](std::size_t i) {
+        return std::string(static_cast<const char *>(SeqAt(fields.get(), i)));
+    };
+    out << "  " << Printable(AsTime(reader, field(0))) << "  " << Printable(field(1));
+    if (!field(2).empty()) {
+        out << "  (" << Printable(field(2)) << ')';
+    }
+    out << '\n';
+    std::istringstream lines(field(3));
+    for (std::string line; std::getline(lines, line, '\a');) {
+        const std::size_t number = line.find(',');
+        const std::size_t text = number == std::string::npos ? number : line.find(',', number + 1);
+        if (text == std::string::npos) {
+            out << "      " << Printable(line) << '\n';
+            continue;
+        }
+        out << "    " << Printable(line.substr(0, number)) << ' '
+            << Printable(line.substr(number + 1, text - number - 1)) << "  " << Printable(line.substr(text + 1))
+            << '\n';
+    }
+}
+
 void PrintChapter(std::ostream &out, const ReportReader &reader, CodeBookIndex chapter, const Seq *lines, bool wide)
 {
     const auto known = Shapes().find(chapter);
@@ -186,6 +243,12 @@ void PrintChapter(std::ostream &out, const ReportReader &reader, CodeBookIndex c
         << reader.codebook[chapter] << "  " << (known != Shapes().end() ? known->second.title : "") << ", " << rows
         << (rows == 1 ? " row\n" : " rows\n");
     if (rows == 0) {
+        return;
+    }
+    if (chapter == vtr_code_fdiff) {
+        for (std::size_t i = 0; i < rows; ++i) {
+            PrintDifference(out, reader, static_cast<const char *>(SeqAt(lines, i)));
+        }
         return;
     }
     if (known != Shapes().end()) {

@@ -51,7 +51,8 @@ bool SplitStream(const std::string &bytes, std::vector<std::string> *ret_lines)
         const std::size_t end = std::min(bytes.find('\n', begin), bytes.size());
         const std::string_view piece(bytes.data() + begin, end - begin);
         begin = end + 1;
-        if (open_quote) {
+        const bool ends_row = piece.empty() && !lines.empty() && lines.back().ends_with('\r');
+        if (open_quote || ends_row) {  // a row that travels with its record end stands on two lines
             lines.back().append("\n").append(piece);
         } else if (piece.starts_with("# ")) {
             continue;

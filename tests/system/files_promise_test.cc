@@ -588,15 +588,6 @@ TEST_F(FilesPromise, AnUnknownSubKeyIsRefusedWhereItStandsAndNothingIsDone)
     EXPECT_FALSE(fs::exists(At("made")));
 }
 
-TEST_F(FilesPromise, ThatChangesAreNotWatchedIsSaidInDetail)
-{
-    WriteFile(At("file"), "x");
-    const std::string promise = Promise("file", {"content: x", "changes: {report_diffs: true}"});
-    EXPECT_EQ(RunPolicy(promise, {"-I"}).err, "");
-    EXPECT_THAT(RunPolicy(promise, {"-v"}).err, HasSubstr(" verbose: Changes of '" + At("file") +
-                                                          "' are not watched: this agent keeps no log of changes\n"));
-}
-
 TEST_F(FilesPromise, ContentMayComeFromAFunctionAndOneThatFailsSkipsThePromiseAndSaysSoOnce)
 {
     WriteFile(Made("name"), "reader\n");

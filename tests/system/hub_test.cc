@@ -135,6 +135,50 @@ TEST(Hub, ARowWithALineFeedInsideItsQuotesIsOneRow)
     EXPECT_THAT(result.out, ContainsRegex("ADD +linux"));
 }
 
+TEST(Hub, ARowThatTravelsWithItsRecordEndIsOneRow)
+{
+    Site site;
+    const ProcessResult result =
+        ShowText(site, "VTR: 0 1700000000 0\nCLD\n1700000000,1,linux,\r\n\n1700000000,1,web,\r\n\n");
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("CLD  classes, 2 rows"));
+    EXPECT_THAT(result.out, Not(HasSubstr("\\r")));
+}
+
+// What a host sends beside its state.
+constexpr char kLogsAndMeasurements[] =
+    "VTR: 0 1700000000 0\n"
+    "CNG\n1700000700,/etc/a \"name,P,mode 0600 set to 0644\n1700000400,/etc/motd,M,content, and more\n"
+    "CND\n1700000400,/etc/motd,motd_ok,\"-,1,old\a+,1,new (TAB)\"\"text\"\"\a+,3,(TRUNCATED)\"\r\n\n"
+    "1700000300,/etc/hosts,,odd\r\n\n"
+    "MOM\nload_1m,0.250000,0.125000,0.500000,1700000300\n"
+    "MOY\nload_1m,0.250000,0.125000,0.500000,1699833600\n"
+    "MOH\nload_1m,4,7,9\n"
+    "PLG\n1700000180,9f86d081,promises.vt,rel-1,114,default,main,files,/etc/motd,/default/"
+    "main,motd_ok,[],[],42,ab,[]\n";
+
+TEST(Hub, LogsAndMeasurementsAreTablesToo)
+{
+    Site site;
+    const ProcessResult result = ShowText(site, kLogsAndMeasurements);
+
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("CNG  file changes, 2 rows"));
+    EXPECT_THAT(result.out, HasSubstr("1700000700,/etc/a \"name,P,mode 0600 set to 0644"));
+    EXPECT_THAT(result.out, ContainsRegex("/etc/motd +content +content  and more"));
+    EXPECT_THAT(result.out, HasSubstr("CND  file differences, 2 rows"));
+    EXPECT_THAT(result.out, ContainsRegex("  /etc/motd  .motd_ok.\n    - 1  old\n    \\+ 1  new .TAB.\"text\"\n"
+                                          "    \\+ 3  .TRUNCATED.\n"));
+    EXPECT_THAT(result.out, HasSubstr("  /etc/hosts\n      odd\n"));
+    EXPECT_THAT(result.out, HasSubstr("MOM  recent measurements, 1 row\n"));
+    EXPECT_THAT(result.out, ContainsRegex("load_1m +0.250000 +0.125000 +0.500000 +20"));
+    EXPECT_THAT(result.out, HasSubstr("MOY  weekly averages, 1 row\n"));
+    EXPECT_THAT(result.out, HasSubstr("MOH  histograms, 1 row\n"));
+    EXPECT_THAT(result.out, ContainsRegex("load_1m +4 7 9\n"));
+    EXPECT_THAT(result.out, HasSubstr("PLG  repaired and not kept, 1 row\n"));
+    EXPECT_THAT(result.out, ContainsRegex("REPAIRED +main +files +/etc/motd +motd_ok"));
+}
+
 TEST(Hub, AnOpenQuoteAtTheEndIsNoWholeStream)
 {
     Site site;

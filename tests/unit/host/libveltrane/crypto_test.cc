@@ -1,15 +1,19 @@
 #include <veltrane/crypto.h>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
 
 #include <veltrane/net.h>
+#include <veltrane/owned.h>
 #include <veltrane/string_lib.h>
 
+#include "libveltrane/hash_descriptor.h"
 #include "support/work_dir.h"
 
 namespace {
@@ -196,3 +200,19 @@ TEST(ClassicCipher, DigestsStillWorkOnceTheLegacyCiphersAreLoaded)
 }
 
 }  // namespace
+
+TEST(Crypto, AnOpenFileIsDigestedFromWhereItStands)
+{
+    const TemporaryDirectory directory;
+    const std::string bytes(200'000, 'x');
+    WriteFile(directory.path / "file", "skipped" + bytes);
+    const veltrane::Descriptor file(open((directory.path / "file").c_str(), O_RDONLY));
+    ASSERT_EQ(lseek(file.Get(), 7, SEEK_SET), 7);
+    unsigned char digest[VT_SHA512_LEN];
+    unsigned char expected[VT_SHA512_LEN];
+    ASSERT_TRUE(veltrane::HashDescriptor(file.Get(), digest, HASH_METHOD_SHA512));
+    ASSERT_TRUE(HashBytes(bytes.data(), bytes.size(), expected, HASH_METHOD_SHA512));
+    EXPECT_EQ(memcmp(digest, expected, sizeof(digest)), 0);
+    EXPECT_FALSE(veltrane::HashDescriptor(file.Get(), digest, HASH_METHOD_NONE));
+    EXPECT_FALSE(veltrane::HashDescriptor(-1, digest, HASH_METHOD_SHA512));
+}

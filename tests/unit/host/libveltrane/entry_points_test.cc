@@ -121,6 +121,8 @@ TEST_F(EntryPoints, EveryEntryPointOfTheTableReachesThePlugIn)
         EvalContextLogPromiseIterationOutcome(ctx.get(), nullptr, PROMISE_RESULT_NOOP);
         TrackTotalCompliance(PROMISE_RESULT_NOOP, nullptr);
         LogTotalCompliance("", 0);
+        AgentDiagnosticsRunAllChecksVesk(nullptr, nullptr, nullptr, nullptr);
+        (void)LogFileChange(nullptr, nullptr, 1, nullptr, nullptr, nullptr, nullptr, nullptr);
         KeepReportDataSelectAccessPromise(nullptr);
         CleanReportBookFilterSet();
         Vesk_Initialize(ctx.get());
@@ -131,8 +133,8 @@ TEST_F(EntryPoints, EveryEntryPointOfTheTableReachesThePlugIn)
         GenericAgentWriteVersion(w.get());
         EnterpriseContext(ctx.get());
 
-        EXPECT_GE(names, 24);
-        EXPECT_EQ(Fake<std::atomic<int>>("fake_calls"), 16);
+        EXPECT_GE(names, 26);
+        EXPECT_EQ(Fake<std::atomic<int>>("fake_calls"), 18);
         EXPECT_EQ(history, nullptr);
         EXPECT_EQ(digest_len, -1);  // the fake does nothing, and no default stepped in
         EXPECT_EQ(StringWriterLength(w.get()), 0u);
@@ -225,6 +227,25 @@ TEST_F(EntryPointDefaults, MostDoNothing)
         EXPECT_TRUE(fs::is_empty(work_.State("previous_state")));
         EXPECT_FALSE(fs::exists(work_.State("promise_execution.log")));
         EXPECT_TRUE(fs::is_empty(work_.path / "log"));
+        EXPECT_EQ(log_.UpTo(LOG_LEVEL_INFO).size(), 0u);
+    });
+}
+
+TEST_F(EntryPointDefaults, TheHostsOwnChecksAreAllThereAre)
+{
+    InChild([&] {
+        const veltrane::WriterPtr output(StringWriter());
+        AgentDiagnosticsRunAllChecksVesk(work_.path.c_str(), output.get(), nullptr, nullptr);
+        EXPECT_EQ(StringWriterLength(output.get()), 0u);
+    });
+}
+
+TEST_F(EntryPointDefaults, LineDifferencesNeedThePlugIn)
+{
+    InChild([&] {
+        log_.lines.clear();
+        EXPECT_EQ(LogFileChange(nullptr, "/etc/motd", 1, nullptr, nullptr, nullptr, "", nullptr), PROMISE_RESULT_NOOP);
+        EXPECT_TRUE(log_.Has(LOG_LEVEL_VERBOSE, "Line differences of '/etc/motd' need the enterprise plug-in"));
         EXPECT_EQ(log_.UpTo(LOG_LEVEL_INFO).size(), 0u);
     });
 }

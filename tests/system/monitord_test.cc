@@ -177,10 +177,14 @@ TEST_F(Monitord, ItMeasuresAtItsStartAndWhenToldAndEndsWhenToldTo)
 
 TEST_F(Monitord, ItMeasuresAgainWhenItsTimeHasCome)
 {
-    BackgroundProcess monitord(program, Options({"--interval", "1"}));
-    while (!Histograms().has_value()) { ASSERT_FALSE(monitord.WaitForLine("error", std::chrono::milliseconds(20))); }
-    WriteFile(work.State("histograms"), "damaged");
-    EXPECT_TRUE(monitord.WaitForLine("was damaged: it begins anew"));
+    BackgroundProcess monitord(program, Options({"--interval", "1", "-v"}));
+    ASSERT_TRUE(monitord.WaitForLine("Measured"));
+    bool seen = false;
+    for (int attempt = 0; attempt < 5 && !seen; ++attempt) {  // a round under way may put its file over this one
+        WriteFile(work.State("histograms"), "damaged");
+        seen = monitord.WaitForLine("was damaged: it begins anew", std::chrono::seconds(4));
+    }
+    EXPECT_TRUE(seen);
 }
 
 TEST_F(Monitord, OnlyOneMeasuresForAWorkDirectory)

@@ -31,7 +31,7 @@ const char *VeskGetSlotName(int index);
 // the same rules
 const char *VeskGetSlotDescription(int index);
 
-// All slots at one time; slots without a measurement are zero. A year's average of a slot: Q.expect, its variance
+// All slots at one time; a slot without a measurement has four NaN. A year's average of a slot: Q.expect, its variance
 // Q.var.
 struct MonitorSample_ {
     time_t t;

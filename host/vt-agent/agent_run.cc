@@ -5,7 +5,6 @@
 #include "vt-agent/agent_run.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,7 +41,8 @@ namespace {
 constexpr int kRan = 0;
 constexpr int kTrouble = 1;
 
-// The kernel lock of the one agent that may work in this directory; it goes with the process.
+// The kernel lock of the one agent that may work in this directory; it goes with the process, and with it alone: a lock
+// of the file would stay a moment longer with a child that was just forked when the agent was killed.
 bool LockAgent()
 {
     const std::string path = std::string(GetStateDir()) + "/locks/agent.lock";
@@ -51,7 +51,10 @@ bool LockAgent()
         Log(LOG_LEVEL_ERR, "Could not open '%s'. (open: %s)", path.c_str(), GetErrorStr());
         return false;
     }
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;  // from 0, length 0: the whole file
+    if (fcntl(fd, F_SETLK, &lock) != 0) {
         Log(LOG_LEVEL_NOTICE, "Another agent is running in this work directory");
         close(fd);
         return false;

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include "support/agent.h"
@@ -253,7 +252,10 @@ TEST_F(Agent, OneAgentAtATimeWorksInAWorkDirectory)
 {
     ASSERT_EQ(RunPolicy("      - reports: alone\n").status, 0);
     const int fd = open((work / "state/locks/agent.lock").c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_EQ(flock(fd, LOCK_EX | LOCK_NB), 0) << "the agent before has let it go";
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    ASSERT_EQ(fcntl(fd, F_SETLK, &lock), 0) << "the agent before has let it go";
 
     const ProcessResult second = Run();
     close(fd);

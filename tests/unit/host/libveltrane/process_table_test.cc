@@ -83,7 +83,7 @@ class Sleeper {
     static ProcessOptions Options(std::vector<std::string> arguments)
     {
         ProcessOptions options;
-        options.arguments = {"-c", "echo started; read line"};
+        options.arguments = {"-c", "echo started; kill -STOP $$"};  // it needs no input and no child to stay
         options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
         return options;
     }

@@ -54,10 +54,10 @@ TEST_F(Program, MakesItsWorkDirectoryWithModeZeroSevenHundred)
 
 TEST_F(Program, MakesDirectoriesAboveItsWorkDirectoryAsWell)
 {
-    options.workdir = (directory.path / "a/b/work").string();
+    options.workdir = (directory.path / "a/b/host").string();
 
     EXPECT_TRUE(StartProgram(options));
-    EXPECT_TRUE(std::filesystem::is_directory(directory.path / "a/b/work/state"));
+    EXPECT_TRUE(std::filesystem::is_directory(directory.path / "a/b/host/state"));
 }
 
 TEST_F(Program, TakesAWorkDirectoryThatIsThere)

@@ -19,6 +19,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include <veltrane/known_dirs.h>
+
 #include "support/sockets.h"
 
 namespace bench {
@@ -202,6 +204,16 @@ size_t ChangesIn(size_t size)
     size_t changes = 0;
     for (size_t i = 0; i < size; i++) { changes += Differs(i) ? 1 : 0; }
     return changes;
+}
+
+std::filesystem::path HostDirectory(const Work &work) { return work.directory / "host"; }
+
+void EnterHost(const Work &work)
+{
+    SetWorkDir(HostDirectory(work).c_str());
+    if (!MakeWorkDirs()) {
+        throw std::runtime_error("no work directory");
+    }
 }
 
 void WriteClasses(const std::filesystem::path &path, size_t size, Generation generation, Order order)

@@ -89,6 +89,12 @@ void ReportCost(const Cost &cost);
 // The time that synthetic rows carry.
 inline constexpr time_t kRunTime = 1700000000;
 
+// The work directory of the host that a job works on.
+std::filesystem::path HostDirectory(const Work &work);
+
+// Make it if it is not there, and the work directory of this process. Throws when that fails.
+void EnterHost(const Work &work);
+
 // The classes of a host: canonified names in ascending byte order, tags as they are joined for a report.
 struct SyntheticClass {
     std::string name;

@@ -64,10 +64,7 @@ class StateOfLastRun {
   public:
     explicit StateOfLastRun(const Work &work)
     {
-        SetWorkDir((work.directory / "host").c_str());
-        if (!MakeWorkDirs()) {
-            throw std::runtime_error("no work directory");
-        }
+        bench::EnterHost(work);
         const std::filesystem::path state = GetStateDir();
         rows_ = state / "diff/classes.diff";
         std::filesystem::copy_file(work.directory / kOldState, state / "previous_state/classes.cache",

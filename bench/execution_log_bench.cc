@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <string>
 
-#include <veltrane/known_dirs.h>
 #include <veltrane/owned.h>
 
 #include "bench/figure.h"
@@ -19,15 +18,7 @@ using bench::Work;
 
 constexpr size_t kEvaluationsEach = 10;  // how often each promise stands in the log
 
-void UseHost(const Work &work)
-{
-    SetWorkDir((work.directory / "host").c_str());
-    if (!MakeWorkDirs()) {
-        throw std::runtime_error("no work directory");
-    }
-}
-
-std::filesystem::path LogPath(const Work &work) { return work.directory / "host/state/promise_execution.log"; }
+std::filesystem::path LogPath(const Work &work) { return bench::HostDirectory(work) / "state/promise_execution.log"; }
 
 // What one agent run after the other logs of a promise: nearly always the same, now and then a repair with a message.
 std::string Evaluation(size_t promise, size_t run)
@@ -49,7 +40,7 @@ std::string Evaluation(size_t promise, size_t run)
 
 Cost Prepare(const Work &work)
 {
-    UseHost(work);
+    bench::EnterHost(work);
     std::ofstream log(LogPath(work), std::ios::binary);
     for (size_t run = 0; run < kEvaluationsEach; run++) {
         for (size_t promise = 0; promise < work.size / kEvaluationsEach; promise++) { log << Evaluation(promise, run); }
@@ -60,7 +51,7 @@ Cost Prepare(const Work &work)
 // From the log on disk to the records, and to their memory given back.
 Cost Reduce(const Work &work)
 {
-    UseHost(work);
+    bench::EnterHost(work);
     const bench::Stopwatch watch;
     veltrane::SeqPtr executions(GetCurrentHubPromiseExecutionList(nullptr));
     if (executions == nullptr || SeqLength(executions.get()) != work.size / kEvaluationsEach) {

@@ -41,10 +41,7 @@ Cost Prepare(const Work &work)
     WriteLines(Reference(work), lines);
     std::shuffle(lines.begin(), lines.end(), std::mt19937_64(4));
     WriteLines(File(work), lines);
-    SetWorkDir((work.directory / "host").c_str());
-    if (!MakeWorkDirs()) {
-        throw std::runtime_error("no work directory");
-    }
+    bench::EnterHost(work);
     return {};
 }
 
@@ -58,7 +55,7 @@ extern "C" void DeleteNothing(CompressedArray *) {}
 
 Cost Compare(const Work &work)
 {
-    SetWorkDir((work.directory / "host").c_str());
+    SetWorkDir(bench::HostDirectory(work).c_str());
     const std::filesystem::path log = std::filesystem::path(GetStateDir()) / kFileDiffLogName;
     std::filesystem::remove(log);
     const PromiseSite site;
@@ -80,7 +77,7 @@ Cost Compare(const Work &work)
 // Everything but the comparison: the two texts in memory.
 Cost TextsAlone(const Work &work)
 {
-    SetWorkDir((work.directory / "host").c_str());
+    SetWorkDir(bench::HostDirectory(work).c_str());
     const PromiseSite site;
     const std::string texts[] = {ReadFile(File(work)), ReadFile(Reference(work))};
     if (texts[0].size() != texts[1].size()) {

@@ -15,19 +15,14 @@ using bench::Cost;
 using bench::Side;
 using bench::Work;
 
-void UseHost(const Work &work)
+std::filesystem::path CachePath(const Work &work)
 {
-    SetWorkDir((work.directory / "host").c_str());
-    if (!MakeWorkDirs()) {
-        throw std::runtime_error("no work directory");
-    }
+    return bench::HostDirectory(work) / "state/previous_state/classes.cache";
 }
-
-std::filesystem::path CachePath(const Work &work) { return work.directory / "host/state/previous_state/classes.cache"; }
 
 Cost Prepare(const Work &work)
 {
-    UseHost(work);
+    bench::EnterHost(work);
     bench::WriteClasses(CachePath(work), work.size, bench::Generation::new_run, bench::Order::sorted);
     return {};
 }
@@ -35,7 +30,7 @@ Cost Prepare(const Work &work)
 // From the cache on disk to the lines, and to their memory given back.
 Cost Pack(const Work &work)
 {
-    UseHost(work);
+    bench::EnterHost(work);
     std::ofstream(std::filesystem::path(GetStateDir()) / "diff/classes.diff");  // a history that the packing ends
     const size_t rows = bench::CountLines(CachePath(work));
     const bench::Stopwatch watch;

@@ -4,7 +4,6 @@
 #include <stdexcept>
 #include <string>
 
-#include <veltrane/known_dirs.h>
 #include <veltrane/owned.h>
 
 #include "bench/figure.h"
@@ -16,15 +15,7 @@ using bench::Cost;
 using bench::Side;
 using bench::Work;
 
-void UseHost(const Work &work)
-{
-    SetWorkDir((work.directory / "host").c_str());
-    if (!MakeWorkDirs()) {
-        throw std::runtime_error("no work directory");
-    }
-}
-
-std::filesystem::path LogPath(const Work &work) { return work.directory / "host/state/promise_log.jsonl"; }
+std::filesystem::path LogPath(const Work &work) { return bench::HostDirectory(work) / "state/promise_log.jsonl"; }
 
 // What the agent leaves of a repair: the promise as policies have them, a message or two, tags.
 std::string Entry(size_t i)
@@ -48,7 +39,7 @@ std::string Entry(size_t i)
 
 Cost Prepare(const Work &work)
 {
-    UseHost(work);
+    bench::EnterHost(work);
     std::ofstream log(LogPath(work), std::ios::binary);
     for (size_t i = 0; i < work.size; i++) { log << Entry(i); }
     return {};
@@ -56,7 +47,7 @@ Cost Prepare(const Work &work)
 
 Cost Pack(const Work &work)
 {
-    UseHost(work);
+    bench::EnterHost(work);
     const bench::Stopwatch watch;
     const veltrane::SeqPtr reply(SeqNew(500, free));
     PackPromiseLog(reply.get(), 0, nullptr);

@@ -8,8 +8,6 @@
 #include <string>
 #include <string_view>
 
-#include <veltrane/known_dirs.h>
-
 #include "bench/figure.h"
 #include "libvtenterprise/enterprise_compliance_log.h"
 #include "libvtenterprise/entry_points_real.h"
@@ -22,8 +20,7 @@ using bench::Cost;
 using bench::Side;
 using bench::Work;
 
-std::filesystem::path Host(const Work &work) { return work.directory / "host"; }
-std::filesystem::path Log(const Work &work, const char *name) { return Host(work) / "state" / name; }
+std::filesystem::path Log(const Work &work, const char *name) { return bench::HostDirectory(work) / "state" / name; }
 std::filesystem::path Bare(const Work &work, const char *name)
 {
     return work.directory / (std::string(name) + ".bare");
@@ -48,12 +45,9 @@ PromiseSite Site(PromiseResult result)
     return site;
 }
 
-void EnterHost(const Work &work)
+void EnterEmptyHost(const Work &work)
 {
-    SetWorkDir(Host(work).c_str());
-    if (!MakeWorkDirs()) {
-        throw std::runtime_error("no work directory");
-    }
+    bench::EnterHost(work);
     std::filesystem::remove(Log(work, kExecutionLogName));
     std::filesystem::remove(Log(work, kPromiseLogName));
 }
@@ -66,7 +60,7 @@ bool IsWritten(std::string_view name, PromiseResult result)
 // The outcomes of work.size iterations, each logged.
 Cost LogOutcomes(const Work &work, PromiseResult result)
 {
-    EnterHost(work);
+    EnterEmptyHost(work);
     const PromiseSite site = Site(result);
     const bench::Stopwatch watch;
     for (size_t i = 0; i < work.size; i++) {
@@ -85,7 +79,7 @@ Cost LogOutcomes(const Work &work, PromiseResult result)
 // One record of each log, for the peer to write.
 Cost Prepare(const Work &work, PromiseResult result)
 {
-    EnterHost(work);
+    EnterEmptyHost(work);
     const PromiseSite site = Site(result);
     EvalContextLogPromiseIterationOutcome__real(site.ctx(), site.promise(), result);
     for (const char *name : {kExecutionLogName, kPromiseLogName}) {
@@ -106,7 +100,7 @@ void Append(const std::string &path, const std::string &record)
 
 Cost WriteOneBare(const Work &work)
 {
-    EnterHost(work);
+    EnterEmptyHost(work);
     const std::string path = Log(work, kExecutionLogName);
     const std::string record = ReadFile(Bare(work, kExecutionLogName));
     const bench::Stopwatch watch;
@@ -116,7 +110,7 @@ Cost WriteOneBare(const Work &work)
 
 Cost WriteBothBare(const Work &work)
 {
-    EnterHost(work);
+    EnterEmptyHost(work);
     const std::string paths[] = {Log(work, kExecutionLogName), Log(work, kPromiseLogName)};
     const std::string records[] = {ReadFile(Bare(work, kExecutionLogName)), ReadFile(Bare(work, kPromiseLogName))};
     const bench::Stopwatch watch;

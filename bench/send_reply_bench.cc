@@ -9,7 +9,6 @@
 #include <thread>
 
 #include <veltrane/alloc.h>
-#include <veltrane/known_dirs.h>
 #include <veltrane/net.h>
 #include <veltrane/owned.h>
 
@@ -73,10 +72,7 @@ size_t ReceiveReply(ConnectionInfo *info)
 // A connection as daemon and hub have it.
 Cost SendTransactions(const Work &work)
 {
-    SetWorkDir((work.directory / "host").c_str());
-    if (!MakeWorkDirs()) {
-        throw std::runtime_error("no work directory");
-    }
+    bench::EnterHost(work);
     vtnet_Init();
     const LoopbackListener listener;
     ServerPtr server;

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <veltrane/entry_points.h>
-#include <veltrane/known_dirs.h>
 
 #include "bench/figure.h"
 #include "libveltrane/file_place.h"
@@ -23,7 +22,6 @@ using bench::Work;
 
 constexpr size_t kFileBytes = 16'384;
 
-std::filesystem::path Host(const Work &work) { return work.directory / "host"; }
 std::filesystem::path Files(const Work &work) { return work.directory / "files"; }
 
 std::string FileAt(const Work &work, size_t i)
@@ -34,13 +32,10 @@ std::string FileAt(const Work &work, size_t i)
 }
 
 // The plug-in says that the digest is the peer's.
-void EnterHost(const Work &work)
+void EnterHostWithPlugin(const Work &work)
 {
-    SetWorkDir(Host(work).c_str());
-    if (!MakeWorkDirs()) {
-        throw std::runtime_error("no work directory");
-    }
-    const std::filesystem::path plugin = Host(work) / "lib/veltrane-enterprise.so";
+    bench::EnterHost(work);
+    const std::filesystem::path plugin = bench::HostDirectory(work) / "lib/veltrane-enterprise.so";
     std::filesystem::copy_file(VT_BENCH_PLUGIN, plugin, std::filesystem::copy_options::skip_existing);
     std::filesystem::permissions(plugin, std::filesystem::perms::owner_all);
     if (GetBestFileChangeHashMethod() != HASH_METHOD_SHA512) {
@@ -77,7 +72,7 @@ Cost Prepare(const Work &work)
         while (bytes.size() < kFileBytes) { bytes += "option_" + std::to_string(i * bytes.size()) + " = yes\n"; }
         WriteFile(FileAt(work, i), bytes.substr(0, kFileBytes));
     }
-    EnterHost(work);
+    EnterHostWithPlugin(work);
     if (WatchAll(work) != work.size) {
         throw std::runtime_error("not every file is new");
     }
@@ -86,7 +81,7 @@ Cost Prepare(const Work &work)
 
 Cost WatchUnchanged(const Work &work)
 {
-    EnterHost(work);
+    EnterHostWithPlugin(work);
     const bench::Stopwatch watch;
     const size_t changed = WatchAll(work);
     const Cost cost = watch.Stop();

@@ -332,12 +332,12 @@ class Expander {
             AppendTexts(value->Get(), &call.arguments);
         }
         --depth_;
-        Rval result{nullptr, RVAL_TYPE_NONE};
-        if (!CallPolicyFunction(call, &result)) {
+        Answer answer = CallPolicyFunction(call);
+        if (!answer.ok) {
             shortfall_->function_failed = true;
             return std::nullopt;
         }
-        return OwnedRval(result);
+        return std::move(answer.value);
     }
 
     // One value inside a container: a text or a call may turn into a list.

@@ -18,6 +18,8 @@
 #include <veltrane/owned.h>
 #include <veltrane/policy.h>
 
+#include "libveltrane/owned_rval.h"
+
 namespace veltrane {
 
 // Text by what stands between "$(" and ")": the items that the iteration at hand is about, and this.promiser.
@@ -34,36 +36,6 @@ struct Scope {
 struct Shortfall {
     std::string missing;           // the variable without a value: it may have one in a later pass
     bool function_failed = false;  // a function failed, and said so in the log: trying again is no use
-};
-
-// A value of its own: an Rval that is destroyed with its owner.
-class OwnedRval {
-  public:
-    OwnedRval() = default;
-    explicit OwnedRval(Rval rval) : rval_(rval) {}
-    ~OwnedRval() { RvalDestroy(rval_); }
-    OwnedRval(OwnedRval &&other) noexcept : rval_(other.Release()) {}
-    OwnedRval &operator=(OwnedRval &&other) noexcept
-    {
-        if (this != &other) {
-            RvalDestroy(rval_);
-            rval_ = other.Release();
-        }
-        return *this;
-    }
-    OwnedRval(const OwnedRval &) = delete;
-    OwnedRval &operator=(const OwnedRval &) = delete;
-
-    const Rval &Get() const { return rval_; }
-    Rval Release()
-    {
-        const Rval rval = rval_;
-        rval_ = Rval{nullptr, RVAL_TYPE_NONE};
-        return rval;
-    }
-
-  private:
-    Rval rval_{nullptr, RVAL_TYPE_NONE};
 };
 
 // A text with every reference replaced. nullopt with shortfall->missing when one has no text. A "$(" without its ")" is

@@ -24,14 +24,6 @@ constexpr size_t kLargestText = size_t{1024} * 1024;
 
 std::atomic<const char *> no_commands_because{nullptr};
 
-// What a function gives: its text, or why it failed.
-struct Answer {
-    bool ok;
-    std::string text;
-};
-
-Answer Failed(std::string why) { return {false, std::move(why)}; }
-
 // A text of digits that is a number from 0 to most.
 bool IsNumberUpTo(const std::string &text, long most, long *ret_number)
 {
@@ -82,7 +74,7 @@ Answer ExecResult(const FunctionCall &call)
         CutAtCharacter(&result.output);
     }
     result.output.erase(result.output.find_last_not_of('\n') + 1);
-    return {true, std::move(result.output)};
+    return Text(result.output);
 }
 
 Answer ReadFileText(const FunctionCall &call)
@@ -115,14 +107,14 @@ Answer ReadFileText(const FunctionCall &call)
             path.c_str(), limit);
         CutAtCharacter(&bytes);
     }
-    return {true, std::move(bytes)};
+    return Text(bytes);
 }
 
 Answer Canonify(const FunctionCall &call)
 {
     std::string name = call.arguments[0];
     CanonifyNameInPlace(name.data());
-    return {true, std::move(name)};
+    return Text(name);
 }
 
 Answer ClassMatch(const FunctionCall &call)
@@ -135,10 +127,10 @@ Answer ClassMatch(const FunctionCall &call)
     while (const Class *one = ClassTableIteratorNext(classes.get())) {
         const TextPtr name(ClassRefToString(one->ns, one->name));
         if (StringMatchFull(call.arguments[0].c_str(), name.get())) {
-            return {true, "any"};
+            return Text("any");
         }
     }
-    return {true, "!any"};
+    return Text("!any");
 }
 
 struct Function {
@@ -168,23 +160,21 @@ bool IsPolicyFunction(const char *name) { return Find(name) != nullptr; }
 
 void RefuseCommandsOfPolicy(const char *why) { no_commands_because = why; }
 
-bool CallPolicyFunction(const FunctionCall &call, Rval *ret_value)
+Answer CallPolicyFunction(const FunctionCall &call)
 {
     const Function *function = Find(call.name.c_str());
     if (function == nullptr || function->work == nullptr) {
         Log(LOG_LEVEL_ERR, "Function '%s' is not available", call.name.c_str());
-        return false;
+        return Failed("not available");
     }
     const size_t given = call.arguments.size();
-    const Answer answer = given < function->fewest || given > function->most
-                              ? Failed("it does not take " + std::to_string(given) + " arguments")
-                              : function->work(call);
+    Answer answer = given < function->fewest || given > function->most
+                        ? Failed("it does not take " + std::to_string(given) + " arguments")
+                        : function->work(call);
     if (!answer.ok) {
-        Log(LOG_LEVEL_ERR, "Function '%s' failed: %s", call.name.c_str(), answer.text.c_str());
-        return false;
+        Log(LOG_LEVEL_ERR, "Function '%s' failed: %s", call.name.c_str(), answer.why.c_str());
     }
-    *ret_value = RvalNew(answer.text.c_str(), RVAL_TYPE_SCALAR);
-    return true;
+    return answer;
 }
 
 }  // namespace veltrane

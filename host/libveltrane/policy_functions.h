@@ -18,20 +18,9 @@
 #ifndef HOST_LIBVELTRANE_POLICY_FUNCTIONS_H
 #define HOST_LIBVELTRANE_POLICY_FUNCTIONS_H
 
-#include <string>
-#include <vector>
-
-#include <veltrane/eval_context.h>
-#include <veltrane/policy.h>
+#include "libveltrane/policy_function.h"
 
 namespace veltrane {
-
-struct FunctionCall {
-    EvalContext *ctx;
-    const Promise *promise;  // that the call belongs to
-    std::string name;
-    std::vector<std::string> arguments;
-};
 
 // Whether the language has a function of this name.
 bool IsPolicyFunction(const char *name);
@@ -39,8 +28,8 @@ bool IsPolicyFunction(const char *name);
 // From now on functions that run a command fail in this process, with this reason. Any thread.
 void RefuseCommandsOfPolicy(const char *why);
 
-// Call it. true with a new *ret_value; false, with one error line that says why.
-bool CallPolicyFunction(const FunctionCall &call, Rval *ret_value);
+// Call it. An answer that is not ok has had its one error line, which says why.
+Answer CallPolicyFunction(const FunctionCall &call);
 
 }  // namespace veltrane
 

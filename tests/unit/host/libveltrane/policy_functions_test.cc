@@ -21,14 +21,13 @@ class PolicyFunctions : public testing::Test {
     // The result, or "failed".
     std::string Call(const char *name, std::vector<std::string> arguments)
     {
-        Rval value{nullptr, RVAL_TYPE_NONE};
-        if (!veltrane::CallPolicyFunction({ctx.get(), nullptr, name, std::move(arguments)}, &value)) {
-            EXPECT_EQ(value.type, RVAL_TYPE_NONE);
+        const veltrane::Answer answer = veltrane::CallPolicyFunction({ctx.get(), nullptr, name, std::move(arguments)});
+        if (!answer.ok) {
+            EXPECT_EQ(answer.value.Get().type, RVAL_TYPE_NONE);
             return "failed";
         }
-        EXPECT_EQ(value.type, RVAL_TYPE_SCALAR);
-        const veltrane::TextPtr text(static_cast<char *>(value.item));
-        return text.get();
+        EXPECT_EQ(answer.value.Get().type, RVAL_TYPE_SCALAR);
+        return RvalScalarValue(answer.value.Get());
     }
 
     // What the one error line of a call that fails says.

@@ -174,6 +174,53 @@ bool HoldsKey(const std::string &path, const std::string &identity)
     return key != nullptr && KeyIdentity(key.get()) == identity;
 }
 
+// The identity of a public key in DER form; "" when it cannot be had.
+std::string IdentityOfDer(const unsigned char *der, size_t length)
+{
+    unsigned char digest[VT_SHA256_LEN];
+    char hex[2 * VT_SHA256_LEN + 1];
+    if (!HashBytes(der, length, digest, HASH_METHOD_SHA256) ||
+        StringBytesToHex(hex, sizeof(hex), digest, sizeof(digest)) == 0) {
+        return "";
+    }
+    return std::string(kIdentityPrefix) + hex;
+}
+
+// The text of a key file, "" when it is too large for one; NULL with errno.
+WriterPtr ReadKeyFile(const std::string &path)
+{
+    bool truncated = false;
+    WriterPtr text(FileRead(path.c_str(), kMaxKeyFile, &truncated));
+    if (truncated) {
+        text.reset(StringWriter());
+    }
+    return text;
+}
+
+BioPtr BioOf(const WriterPtr &text)
+{
+    return BioPtr(BIO_new_mem_buf(StringWriterData(text.get()), static_cast<int>(StringWriterLength(text.get()))));
+}
+
+// Whether the bytes of a file are those that an identity is the digest of. Then there is nothing to understand in them,
+// which takes OpenSSL longer than a handshake; this is asked for every connection. A key written in another way than
+// ours is not found so, but by HoldsKey.
+bool HoldsBytesOf(const std::string &path, const std::string &identity)
+{
+    const WriterPtr text = ReadKeyFile(path);
+    const BioPtr bio = text != nullptr ? BioOf(text) : nullptr;
+    unsigned char *der = nullptr;
+    long length = 0;
+    if (bio == nullptr ||
+        PEM_bytes_read_bio(&der, &length, nullptr, PEM_STRING_PUBLIC, bio.get(), NoPassPhrase, nullptr) != 1) {
+        ERR_clear_error();
+        return false;
+    }
+    const bool same = IdentityOfDer(der, static_cast<size_t>(length)) == identity;
+    OPENSSL_free(der);
+    return same;
+}
+
 // The identities that the file names of a directory promise, ascending. The content is not looked at.
 std::vector<std::string> NamedIdentities(const std::string &directory)
 {
@@ -233,14 +280,9 @@ std::string KeyIdentity(EVP_PKEY *key)
         ERR_clear_error();
         return "";
     }
-    unsigned char digest[VT_SHA256_LEN];
-    const bool hashed = HashBytes(der, static_cast<size_t>(length), digest, HASH_METHOD_SHA256);
+    std::string identity = IdentityOfDer(der, static_cast<size_t>(length));
     OPENSSL_free(der);
-    char hex[2 * VT_SHA256_LEN + 1];
-    if (!hashed || StringBytesToHex(hex, sizeof(hex), digest, sizeof(digest)) == 0) {
-        return "";
-    }
-    return std::string(kIdentityPrefix) + hex;
+    return identity;
 }
 
 std::string OwnPublicKeyPath() { return KeysDirectory() + "/host.pub"; }
@@ -271,17 +313,13 @@ KeyPtr OwnKey(std::string *ret_error)
 
 KeyPtr ReadPublicKey(const std::string &path, std::string *ret_error)
 {
-    bool truncated = false;
-    const WriterPtr text(FileRead(path.c_str(), kMaxKeyFile, &truncated));
+    const WriterPtr text = ReadKeyFile(path);
     if (text == nullptr) {
         *ret_error = SystemError("read", path);
         return nullptr;
     }
-    const BioPtr bio(BIO_new_mem_buf(StringWriterData(text.get()), static_cast<int>(StringWriterLength(text.get()))));
-    KeyPtr key;
-    if (bio != nullptr && !truncated) {
-        key.reset(PEM_read_bio_PUBKEY(bio.get(), nullptr, NoPassPhrase, nullptr));
-    }
+    const BioPtr bio = BioOf(text);
+    KeyPtr key(bio != nullptr ? PEM_read_bio_PUBKEY(bio.get(), nullptr, NoPassPhrase, nullptr) : nullptr);
     if (key == nullptr) {
         ERR_clear_error();
         *ret_error = "'" + path + "' holds no public key in PEM form";
@@ -291,8 +329,13 @@ KeyPtr ReadPublicKey(const std::string &path, std::string *ret_error)
 
 bool IsTrusted(const std::string &identity)
 {
-    return IsIdentity(identity) &&
-           (HoldsKey(OwnPublicKeyPath(), identity) || HoldsKey(TrustedKeyPath(identity), identity));
+    if (!IsIdentity(identity)) {
+        return false;
+    }
+    const std::string own = OwnPublicKeyPath();
+    const std::string trusted = TrustedKeyPath(identity);
+    return HoldsBytesOf(own, identity) || HoldsBytesOf(trusted, identity) || HoldsKey(own, identity) ||
+           HoldsKey(trusted, identity);
 }
 
 std::string TrustKey(EVP_PKEY *key)

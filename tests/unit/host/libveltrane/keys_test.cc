@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
+#include <openssl/x509.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -213,6 +214,37 @@ TEST_F(Keys, FilesWithoutAPublicKeyGiveNoTrust)
     const std::string missing = work.path / "missing";
     EXPECT_EQ(veltrane::TrustAdd(missing, "", &added), "Could not read '" + missing + "': No such file or directory");
     EXPECT_THAT(veltrane::TrustedIdentities(), IsEmpty());
+}
+
+TEST_F(Keys, AKeyFileMayHoldMoreThanTheKey)
+{
+    const KeyPtr key = NewKey();
+    const fs::path path = KeyFile(veltrane::KeyIdentity(key.get()) + ".pub");
+    Own();
+    WritePublicKey(path, key.get());
+    WriteFile(path, "the hub's key\n" + ReadFile(KeyFile("host.priv")) + ReadFile(path) + "since May\n");
+
+    EXPECT_TRUE(veltrane::IsTrusted(veltrane::KeyIdentity(key.get())));
+}
+
+TEST_F(Keys, AKeyThatIsEncodedInAnotherWayIsTheSameKey)
+{
+    const KeyPtr key = NewKey();
+    unsigned char *der = nullptr;
+    const int length = i2d_PUBKEY(key.get(), &der);
+    ASSERT_GT(length, 2);
+    std::string longer(reinterpret_cast<char *>(der), static_cast<size_t>(length));
+    OPENSSL_free(der);
+    longer.insert(1, 1, '\x81');  // the length of the whole in two bytes, where one would do
+    Own();
+    {
+        const veltrane::FilePtr file(fopen(KeyFile(veltrane::KeyIdentity(key.get()) + ".pub").c_str(), "w"));
+        ASSERT_GT(PEM_write(file.get(), PEM_STRING_PUBLIC, "", reinterpret_cast<const unsigned char *>(longer.data()),
+                            static_cast<long>(longer.size())),
+                  0);
+    }
+
+    EXPECT_TRUE(veltrane::IsTrusted(veltrane::KeyIdentity(key.get())));
 }
 
 TEST_F(Keys, AKeyUnderAWrongNameTrustsNobody)

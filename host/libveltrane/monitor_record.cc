@@ -10,7 +10,6 @@
 #include <veltrane/owned.h>
 
 #include "libveltrane/file_bytes.h"
-#include "libveltrane/file_place.h"
 #include "libveltrane/monitor_histograms.h"
 #include "libveltrane/monitor_slots.h"
 #include "libveltrane/replace_file.h"
@@ -36,22 +35,6 @@ std::optional<std::string> BytesOf(const std::string &path)
         return std::nullopt;
     }
     return bytes;
-}
-
-Trouble ReplaceFile(const std::string &path, const std::string &bytes)
-{
-    const FoundPlace found = FindPlace(path, LastLink::kKept);
-    if (!found.place.has_value()) {
-        return found.trouble.value_or("'" + path + "' has no directory");
-    }
-    Replacement replacement(*found.place);
-    if (Trouble trouble = replacement.Begin()) {
-        return trouble;
-    }
-    if (Trouble trouble = WriteAll(replacement.Fd(), bytes, path)) {
-        return trouble;
-    }
-    return replacement.Commit({kPrivateFile});
 }
 
 // One round on its way.
@@ -86,7 +69,7 @@ class Round {
     {
         const std::string path = PathOf(kMonitorSlotsName);
         if (BytesOf(path) != MonitorSlotsText()) {
-            Note(ReplaceFile(path, MonitorSlotsText()));
+            Note(ReplaceFile(path, MonitorSlotsText(), kPrivateFile));
         }
     }
 
@@ -95,7 +78,7 @@ class Round {
         const std::string path = PathOf(kCountersName);
         const std::optional<std::string> text = BytesOf(path);
         const std::optional<MachineCounters> before = text.has_value() ? ParseCounters(*text) : std::nullopt;
-        Note(ReplaceFile(path, CountersText(reading_.counters)));
+        Note(ReplaceFile(path, CountersText(reading_.counters), kPrivateFile));
         return ValuesOf(reading_, before);
     }
 
@@ -120,7 +103,7 @@ class Round {
             histograms.emplace();
         }
         histograms->Count(sample, before);
-        Note(ReplaceFile(path, histograms->Text()));
+        Note(ReplaceFile(path, histograms->Text(), kPrivateFile));
     }
 
     const MachineReading &reading_;

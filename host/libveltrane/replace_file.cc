@@ -74,6 +74,22 @@ Trouble Replacement::Commit(const PermsWish &perms)
     return std::nullopt;
 }
 
+Trouble ReplaceFile(const std::string &path, std::string_view bytes, mode_t mode)
+{
+    const FoundPlace found = FindPlace(path, LastLink::kKept);
+    if (!found.place.has_value()) {
+        return found.trouble.value_or("'" + path + "' has no directory");
+    }
+    Replacement replacement(*found.place);
+    if (Trouble trouble = replacement.Begin()) {
+        return trouble;
+    }
+    if (Trouble trouble = WriteAll(replacement.Fd(), bytes, path)) {
+        return trouble;
+    }
+    return replacement.Commit(PermsOfNew(mode, {}));
+}
+
 bool LinkOver(const Place &from, const Place &to)
 {
     const std::string name = WorkingName(to.name);

@@ -4,6 +4,7 @@
 #define HOST_LIBVELTRANE_REPLACE_FILE_H
 
 #include <string>
+#include <string_view>
 
 #include "libveltrane/file_perms.h"
 #include "libveltrane/file_place.h"
@@ -32,6 +33,9 @@ class Replacement {
     Descriptor file_;
     bool made_ = false;
 };
+
+// Put a file with these bytes and this mode at the end of a path, in the stead of what stands there.
+Trouble ReplaceFile(const std::string &path, std::string_view bytes, mode_t mode);
 
 // Put a second name of the file at one place into another place, in the stead of what stands there. false with errno,
 // and nothing changed.

@@ -133,18 +133,7 @@ class UntrackedIndexes {
 
     static bool Write(const std::string &path, const std::string &bytes)
     {
-        FoundPlace found = FindPlace(path, LastLink::kKept);
-        if (!found.place) {
-            return Failed(found.trouble ? found.trouble : "'" + path + "' has lost its directory");
-        }
-        Replacement file(*found.place);
-        Trouble trouble = file.Begin();
-        if (!trouble) {
-            trouble = WriteAll(file.Fd(), bytes, path);
-        }
-        if (!trouble) {
-            trouble = file.Commit(PermsOfNew(0600, {}));
-        }
+        const Trouble trouble = ReplaceFile(path, bytes, 0600);
         return !trouble || Failed(trouble);
     }
 

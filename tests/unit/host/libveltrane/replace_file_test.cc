@@ -183,6 +183,21 @@ TEST_F(ReplaceFile, ASecondNameThatCannotBeMadeChangesNothing)
     EXPECT_THAT(NamesIn(directory.path), ElementsAre("b", "c"));
 }
 
+TEST_F(ReplaceFile, AWholeFileIsPutInPlaceAtOnce)
+{
+    ASSERT_EQ(veltrane::ReplaceFile(At("a"), "old", 0600), std::nullopt);
+    ASSERT_EQ(veltrane::ReplaceFile(At("a"), "new", 0644), std::nullopt);
+    EXPECT_EQ(ReadFile(At("a")), "new");
+    EXPECT_EQ(fs::status(At("a")).permissions(), fs::perms(0644));
+    EXPECT_THAT(NamesIn(directory.path), ElementsAre("a"));
+
+    EXPECT_EQ(veltrane::ReplaceFile(At("none/a"), "x", 0600), "'" + At("none/a") + "' has no directory");
+    fs::create_directory(At("c"));
+    EXPECT_EQ(veltrane::ReplaceFile(At("c"), "x", 0600),
+              "could not replace '" + At("c") + "' (rename: Is a directory)");
+    EXPECT_THAT(NamesIn(directory.path), ElementsAre("a", "c"));
+}
+
 TEST_F(ReplaceFile, ASymbolicLinkTakesAnotherThingsPlace)
 {
     WriteFile(At("a"), "a");

@@ -12,6 +12,7 @@
 #include <veltrane/net.h>
 #include <veltrane/owned.h>
 
+#include "bench/bare_tls.h"
 #include "bench/figure.h"
 #include "libveltrane/server_handshake.h"
 #include "libveltrane/tls_context.h"
@@ -100,16 +101,6 @@ Cost SendTransactions(const Work &work)
         [&] { return ReceiveReply(hub->conn_info); }, work.size);
 }
 
-SslPtr BareHandshake(SSL_CTX *context, int fd, bool is_server)
-{
-    SslPtr ssl(SSL_new(context));
-    (void)SSL_set_fd(ssl.get(), fd);
-    if ((is_server ? SSL_accept(ssl.get()) : SSL_connect(ssl.get())) != 1) {
-        throw std::runtime_error("no handshake");
-    }
-    return ssl;
-}
-
 // The same cipher and kind of key, and nothing between the lines and OpenSSL.
 Cost WriteLineByLine(const Work &work)
 {
@@ -119,10 +110,10 @@ Cost WriteLineByLine(const Work &work)
     SslPtr server;
     std::thread accepting([&] {
         server_fd = listener.Accept();
-        server = BareHandshake(host.contexts->server.get(), server_fd.Get(), true);
+        server = bench::BareHandshake(host.contexts->server.get(), server_fd.Get(), true);
     });
     const Descriptor hub_fd = ConnectLoopback(listener.port);
-    const SslPtr hub = BareHandshake(host.contexts->client.get(), hub_fd.Get(), false);
+    const SslPtr hub = bench::BareHandshake(host.contexts->client.get(), hub_fd.Get(), false);
     accepting.join();
     CheckProtocol(hub.get());
     const veltrane::SeqPtr lines = PackedReply(work.size);

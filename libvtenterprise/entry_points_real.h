@@ -15,21 +15,15 @@
 #include <veltrane/attributes.h>
 #include <veltrane/crypto.h>
 #include <veltrane/diagnostics.h>
+#include <veltrane/net.h>
 #include <veltrane/outcome.h>
 #include <veltrane/types.h>
 
-#include "libvtenterprise/export.h"
+#include "libvtenterprise/call_frame.h"
 
-// The word before and after the arguments of every framed call.
-inline constexpr int32_t kFrameCanary = 0x10203040;
-
-// A parameter list without its parentheses, and a comma after it unless it is empty.
-#define VT_THEN_COMMA(...) __VA_ARGS__ __VA_OPT__(, )
-
-#define VT_ENTRY(R, returns, Name, parameters, arguments)              \
-    VT_EXPORT R Name##__real parameters noexcept;                      \
-    VT_EXPORT R Name##__wrapper(int32_t start_canary, int *successful, \
-                                VT_THEN_COMMA parameters int32_t end_canary) noexcept;
+#define VT_ENTRY(R, returns, Name, parameters, arguments) \
+    VT_EXPORT R Name##__real parameters noexcept;         \
+    VT_DECLARE_WRAPPER(R, Name, parameters);
 #include <veltrane/entry_points.def>
 
 #endif

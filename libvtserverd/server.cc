@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
-#include <limits>
 
 #include <veltrane/crypto.h>
 #include <veltrane/errors.h>
@@ -23,6 +22,7 @@
 #include "libvtenterprise/scan_number.h"
 #include "libvtenterprise/server_report_filter.h"
 #include "libvtenterprise/thread_guard.h"
+#include "libvtenterprise/time_difference.h"
 
 namespace {
 
@@ -37,16 +37,6 @@ constexpr const char *kWhiteSpace = " \t\n\v\f\r";
 // One reply is packed at a time, and no difference file is aged meanwhile: packing reads and rewrites the untracked
 // indexes and the difference files.
 pthread_mutex_t packing_lock = PTHREAD_MUTEX_INITIALIZER;
-
-// a - b, or the nearest time when that is out of range
-time_t Difference(time_t a, time_t b)
-{
-    time_t difference;
-    if (__builtin_sub_overflow(a, b, &difference)) {
-        return b < 0 ? std::numeric_limits<time_t>::max() : std::numeric_limits<time_t>::min();
-    }
-    return difference;
-}
 
 std::string Timestamp(time_t t)
 {
@@ -133,8 +123,8 @@ ReportQuery ParseReportQuery(const char *menu)
 
 ReportWindow ReportWindowAt(const ReportQuery &query, time_t now)
 {
-    const time_t last = Difference(now, 1);
-    return {query.from, last > query.from ? last : query.from, Difference(now, query.peer_time)};
+    const time_t last = TimeDifference(now, 1);
+    return {query.from, last > query.from ? last : query.from, TimeDifference(now, query.peer_time)};
 }
 
 bool IsPoorlySynchronized(time_t clock_error) { return clock_error > kTolerableClockError; }

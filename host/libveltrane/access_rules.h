@@ -25,7 +25,7 @@ class AccessRules {
     // Whether a peer may have what resource and name say.
     //
     // resource  "query", "literal" or "context"
-    // name      the query word; of a literal, its handle
+    // name      the query word; of a literal, its handle; of a context, "collect_calls"
     // identity  of the peer's key
     // address   numeric; "" matches no rule by address
     bool Admits(std::string_view resource, std::string_view name, std::string_view identity,

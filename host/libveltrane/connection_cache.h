@@ -32,7 +32,8 @@ void DropConnection(AgentConnection *conn);
 
 // The host's own part of an AgentConnection.
 struct AgentConnectionInternal_ {
-    std::string cache_key;  // empty: close it when it is disconnected
+    std::string cache_key;        // empty: close it when it is disconnected
+    const void *scope = nullptr;  // the ConnectionScope that closes it; guarded with the set of open connections
 };
 
 #endif

@@ -5,6 +5,8 @@
 
 #include <openssl/evp.h>
 
+#include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include <veltrane/alloc.h>
@@ -40,9 +42,52 @@ PromiseResult LogFileChangeDefault(EvalContext *, const char *file, int, const A
     return PROMISE_RESULT_NOOP;
 }
 
+void RegisterLiteralServerDataDefault(EvalContext *, const char *handle, const Promise *)
+{
+    Log(LOG_LEVEL_VERBOSE, "Literal '%s' is not served: it needs the enterprise plug-in", handle);
+}
+
+int ReturnLiteralDataDefault(EvalContext *, char *, char *recv)
+{
+    *recv = '\0';
+    return 0;
+}
+
+bool ReturnCookiesDefault(ServerConnectionState *) { return false; }
 bool ReturnQueryDataDefault(ServerConnectionState *, char *, int) { return false; }
 void KeepReportDataSelectAccessPromiseDefault(const Promise *) {}
 void CleanReportBookFilterSetDefault() {}
+
+int SetServerListenStateDefault(EvalContext *, size_t queue_size, char *bind_address, bool server_listen,
+                                InitServerFunction InitServerPtr)
+{
+    return server_listen ? InitServerPtr(queue_size, bind_address) : -1;
+}
+
+bool ReceiveCollectCallDefault(ServerConnectionState *)
+{
+    Log(LOG_LEVEL_ERR, "Collect calls need the enterprise plug-in");
+    return false;
+}
+
+void FprintAvahiVeltraneTagDefault(FILE *fp)
+{
+    (void)fprintf(fp, "<name replace-wildcards=\"yes\" >Veltrane %s Policy Hub on %%h </name>\n", Version());
+}
+
+void CollectCallStartDefault(int interval)
+{
+    if (interval > 0) {
+        Log(LOG_LEVEL_VERBOSE, "Collect calls need the enterprise plug-in");
+    }
+}
+
+void CollectCallStopDefault() {}
+bool CollectCallHasPendingDefault() { return false; }
+int CollectCallGetPendingDefault(int *) { return -1; }
+void CollectCallMarkProcessedDefault() {}
+
+bool VTTestD_ReturnQueryDataDefault(ServerConnectionState *, char *) { return false; }
 
 void Vesk_InitializeDefault(EvalContext *) {}
 const char *GetConsolePrefixDefault() { return "veltrane"; }
@@ -55,6 +100,21 @@ bool TranslatePathDefault(const char *from, char *to, size_t to_size)
 const EVP_CIPHER *VeltraneCipherDefault(char) { return EVP_bf_cbc(); }
 int VtSessionKeySizeDefault(char) { return 16; }
 char VtEnterpriseOptionsDefault() { return 'c'; }
+
+char *GetRemoteScalarDefault(EvalContext *, char *, char *, const char *, int, char *recvbuffer)
+{
+    Log(LOG_LEVEL_ERR, "Remote scalars need the enterprise plug-in");
+    memcpy(recvbuffer, "BAD:", sizeof("BAD:"));
+    return recvbuffer;
+}
+
+int RetrieveUnreliableValueDefault(char *, char *, char *buffer)
+{
+    *buffer = '\0';
+    return 0;
+}
+
+void CacheUnreliableValueDefault(char *, char *, char *) {}
 
 void GenericAgentSetDefaultDigestDefault(HashMethod *digest, int *digest_len)
 {
@@ -86,6 +146,16 @@ void Vesk_ClassHistoryAddContextNameDefault(StringSet *list, const char *context
     char *name = xstrdup(context_name);
     CanonifyNameInPlace(name);
     StringSetAdd(list, name);
+}
+
+size_t EnterpriseGetMaxVtHubProcessesDefault() { return 0; }
+void CheckAndSetHAStateDefault(const char *, EvalContext *) {}
+void ReloadHAConfigDefault() {}
+
+bool ListHostsWithFieldDefault(EvalContext *, Rlist **, char *, char *, int)
+{
+    Log(LOG_LEVEL_ERR, "Listing hosts needs the enterprise plug-in on a hub");
+    return false;
 }
 
 }  // namespace veltrane

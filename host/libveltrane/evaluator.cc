@@ -8,12 +8,14 @@
 
 #include <veltrane/entry_points.h>
 #include <veltrane/globals.h>
+#include <veltrane/known_dirs.h>
 #include <veltrane/owned.h>
 #include <veltrane/string_lib.h>
 
 #include "libveltrane/discovery.h"
 #include "libveltrane/eval_context_internal.h"
 #include "libveltrane/expansion.h"
+#include "libveltrane/hub_address.h"
 #include "libveltrane/policy_control.h"
 #include "libveltrane/policy_internal.h"
 #include "libveltrane/promise_attributes.h"
@@ -270,10 +272,12 @@ class PolicyRun {
         }
         PromisePtr expanded(PromiseNewDetached(pp->parent_section, promiser->c_str(), promisee->Release(), pp->offset));
         scope.bindings["this.promiser"] = *promiser;
+        std::vector<std::string> *tags = &expanded->internal->value_tags;
         for (size_t i = 0; i < SeqLength(pp->conlist); ++i) {
             const auto *constraint = static_cast<const Constraint *>(SeqAt(pp->conlist, i));
-            std::optional<OwnedRval> value = IsGuard(constraint->lval) ? OwnedRval(RvalCopy(constraint->rval))
-                                                                       : ExpandRval(scope, constraint->rval, shortfall);
+            std::optional<OwnedRval> value = IsGuard(constraint->lval)
+                                                 ? OwnedRval(RvalCopy(constraint->rval))
+                                                 : ExpandRval(scope, constraint->rval, shortfall, tags);
             if (!value.has_value()) {
                 return nullptr;
             }
@@ -375,11 +379,13 @@ PolicyPtr ReadPolicy(const std::string &path)
 void SetUpContext(EvalContext *ctx, const Policy *policy)
 {
     DiscoverInto(ctx, time(nullptr));
+    PutHubClasses(ctx);
     PolicyControlCommonIntoContext(policy, ctx);
     const char *expiry = EvalContextVariableControlCommonGet(ctx, COMMON_CONTROL_LASTSEEN_EXPIRE_AFTER);
     LASTSEENEXPIREAFTER = static_cast<int>(StringToLongDefaultOnError(expiry, kSecondsPerWeek));
     GenericAgentAddEditionClasses(ctx);
     EnterpriseContext(ctx);
+    CheckAndSetHAState(GetWorkDir(), ctx);
 }
 
 bool EvaluateBundles(EvalContext *ctx, const Policy *policy, std::string_view kind, const Evaluation &evaluation)

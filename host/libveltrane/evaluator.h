@@ -39,7 +39,8 @@ struct Evaluation {
 PolicyPtr ReadPolicy(const std::string &path);
 
 // Fill an empty context with what holds before the first promise: the classes and sys variables of this machine, the
-// attributes of the policy's control body "common", the edition classes and variables of the plug-in.
+// attributes of the policy's control body "common", the edition classes and variables of the plug-in, the classes of a
+// hub and of its part in high availability.
 void SetUpContext(EvalContext *ctx, const Policy *policy);
 
 // Evaluate a policy: the common bundles in the order of the files, then by kind

@@ -204,7 +204,11 @@ std::optional<std::string_view> WholeReference(std::string_view text)
 // The way from a value of the policy to what it says now. A result that is nothing means that shortfall says why.
 class Expander {
   public:
-    Expander(const Scope &scope, Shortfall *shortfall) : scope_(scope), shortfall_(shortfall) {}
+    // ret_tags  takes the tags of what functions answer, unless it is NULL
+    Expander(const Scope &scope, Shortfall *shortfall, std::vector<std::string> *ret_tags)
+        : scope_(scope), shortfall_(shortfall), tags_(ret_tags)
+    {
+    }
 
     std::optional<OwnedRval> Expand(const Rval &rval)
     {
@@ -337,6 +341,9 @@ class Expander {
             shortfall_->function_failed = true;
             return std::nullopt;
         }
+        if (tags_ != nullptr) {
+            tags_->insert(tags_->end(), answer.tags.begin(), answer.tags.end());
+        }
         return std::move(answer.value);
     }
 
@@ -419,6 +426,7 @@ class Expander {
 
     const Scope &scope_;
     Shortfall *shortfall_;
+    std::vector<std::string> *tags_;
     int depth_ = 0;
 };
 
@@ -443,9 +451,10 @@ std::optional<std::string> ExpandText(const Scope &scope, std::string_view text,
     return ExpandNested(scope, text, 0, shortfall);
 }
 
-std::optional<OwnedRval> ExpandRval(const Scope &scope, const Rval &rval, Shortfall *shortfall)
+std::optional<OwnedRval> ExpandRval(const Scope &scope, const Rval &rval, Shortfall *shortfall,
+                                    std::vector<std::string> *ret_tags)
 {
-    return Expander(scope, shortfall).Expand(rval);
+    return Expander(scope, shortfall, ret_tags).Expand(rval);
 }
 
 void CollectReferences(const Rval &rval, std::vector<std::string> *texts)

@@ -43,8 +43,10 @@ struct Shortfall {
 std::optional<std::string> ExpandText(const Scope &scope, std::string_view text, Shortfall *shortfall);
 
 // A value with every reference replaced and every function call ({name: [arguments]}) replaced by its result; NONE
-// stays NONE. Functions are called in the order of the value, arguments first.
-std::optional<OwnedRval> ExpandRval(const Scope &scope, const Rval &rval, Shortfall *shortfall);
+// stays NONE. Functions are called in the order of the value, arguments first. The tags that their answers bring are
+// appended to ret_tags unless it is NULL.
+std::optional<OwnedRval> ExpandRval(const Scope &scope, const Rval &rval, Shortfall *shortfall,
+                                    std::vector<std::string> *ret_tags = nullptr);
 
 // The texts of a value that hold a "$(", appended to texts; function arguments and what containers hold included.
 void CollectReferences(const Rval &rval, std::vector<std::string> *texts);

@@ -12,11 +12,11 @@
 #include <cstring>
 #include <optional>
 
-#include <veltrane/file_lib.h>
-#include <veltrane/known_dirs.h>
 #include <veltrane/logging.h>
 #include <veltrane/net.h>
 #include <veltrane/string_lib.h>
+
+#include "libveltrane/hub_address.h"
 
 namespace veltrane {
 
@@ -76,12 +76,8 @@ bool SameLeadingBits(const AddressBytes &a, const AddressBytes &b, int bits)
     return rest == 0 || (a[whole] ^ b[whole]) >> (8 - rest) == 0;
 }
 
-// The resolver would take a larger number modulo 65536.
-bool IsPort(const char *text)
-{
-    long number = 0;
-    return StringIsNumeric(text) && StringToLong(text, &number) == 0 && number <= 65535;
-}
+// The resolver would take a larger number modulo 65536. 0 is for binding.
+bool IsPort(const std::string &text) { return text == "0" || IsPortNumber(text); }
 
 // A socket bound to one address; -1 with errno.
 int BindTo(const addrinfo &address)
@@ -294,22 +290,14 @@ ProtocolVersion ParseProtocolVersionPolicy(const char *text)
 
 char *PolicyServerGetIP(void)
 {
-    const std::string path = std::string(GetWorkDir()) + "/hub_address";
-    const veltrane::WriterPtr text(FileRead(path.c_str(), 1024, nullptr));
-    if (text == nullptr) {
+    const std::optional<veltrane::HubAddress> hub = veltrane::ReadHubAddress();
+    if (!hub.has_value()) {
         return nullptr;
     }
-    std::string host(StringWriterData(text.get()));
-    host.erase(std::min(host.find('\n'), host.size()));
-    const size_t first = host.find_first_not_of(" \t\r");
-    if (first == std::string::npos) {
-        return nullptr;
+    if (hub->host == veltrane::kHubItself) {
+        return SafeStringDuplicate(veltrane::kHubItself);
     }
-    host = host.substr(first, host.find_last_not_of(" \t\r") - first + 1);
-    if (host == "localhost") {
-        return SafeStringDuplicate(host.c_str());
-    }
-    const veltrane::AddressListPtr addresses = veltrane::ResolveHost(host.c_str(), nullptr, AF_UNSPEC, 0);
+    const veltrane::AddressListPtr addresses = veltrane::ResolveHost(hub->host.c_str(), nullptr, AF_UNSPEC, 0);
     if (addresses == nullptr) {
         return nullptr;
     }

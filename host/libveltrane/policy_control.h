@@ -10,6 +10,7 @@
 //            call_collect_interval   seconds, 0 = no collect calls
 //            dump_reports            true or false
 //            max_connections         1 to 65535
+//            service_announcement    absolute path
 //
 // Values were checked when the policy was read: a whole number is within its range, and a truth value that policy
 // wrote as yes or no reads as true or false.

@@ -12,7 +12,9 @@
 
 #include "libveltrane/child_process.h"
 #include "libveltrane/file_bytes.h"
+#include "libveltrane/policy_functions_remote.h"
 #include "libveltrane/regex_check.h"
+#include "libveltrane/server_connection.h"
 
 namespace veltrane {
 
@@ -141,10 +143,11 @@ struct Function {
 };
 
 constexpr Function kFunctions[] = {
-    {"execresult", 2, 3, ExecResult},  {"readfile", 1, 2, ReadFileText}, {"canonify", 1, 1, Canonify},
-    {"classmatch", 1, 1, ClassMatch},  {"ldapvalue", 0, 0, nullptr},     {"ldaplist", 0, 0, nullptr},
-    {"ldaparray", 0, 0, nullptr},      {"regldap", 0, 0, nullptr},       {"remotescalar", 0, 0, nullptr},
-    {"hostswithclass", 0, 0, nullptr},
+    {"execresult", 2, 3, ExecResult},     {"readfile", 1, 2, ReadFileText},
+    {"canonify", 1, 1, Canonify},         {"classmatch", 1, 1, ClassMatch},
+    {"ldapvalue", 0, 0, nullptr},         {"ldaplist", 0, 0, nullptr},
+    {"ldaparray", 0, 0, nullptr},         {"regldap", 0, 0, nullptr},
+    {"remotescalar", 2, 3, RemoteScalar}, {"hostswithclass", 2, 2, HostsWithClass},
 };
 
 const Function *Find(const char *name)
@@ -152,6 +155,13 @@ const Function *Find(const char *name)
     const auto *found = std::find_if(std::begin(kFunctions), std::end(kFunctions),
                                      [name](const Function &one) { return strcmp(one.name, name) == 0; });
     return found != std::end(kFunctions) ? found : nullptr;
+}
+
+// Connections that the work leaves open are closed: nobody would use them again.
+Answer WorkOf(const Function &function, const FunctionCall &call)
+{
+    const ConnectionScope scope;
+    return function.work(call);
 }
 
 }  // namespace
@@ -170,7 +180,7 @@ Answer CallPolicyFunction(const FunctionCall &call)
     const size_t given = call.arguments.size();
     Answer answer = given < function->fewest || given > function->most
                         ? Failed("it does not take " + std::to_string(given) + " arguments")
-                        : function->work(call);
+                        : WorkOf(*function, call);
     if (!answer.ok) {
         Log(LOG_LEVEL_ERR, "Function '%s' failed: %s", call.name.c_str(), answer.why.c_str());
     }

@@ -12,6 +12,7 @@
 //   readfile   [path] or [path, bytes]      what a regular file holds, at most so many bytes
 //   canonify   [text]                       the text as the name of a class
 //   classmatch [regex]                      "any" when the whole name of a class of the run matches, else "!any"
+//   remotescalar, hostswithclass            see policy_functions_remote.h
 //
 // No text is longer than 1 MiB: what a command prints and what a file holds beyond that is left out, with a warning
 // (verbose where the policy asked for fewer bytes), never in the middle of a character.

@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <veltrane/owned.h>
 #include <veltrane/policy.h>
@@ -23,7 +24,11 @@ struct PolicyInternal_ {
 };
 
 struct PromiseInternal_ {
-    std::string location;  // "<source file>:<line>"
+    std::string location{};  // "<source file>:<line>"
+
+    // What functions of the policy said of the values that they gave, as tags for what the promise defines. No
+    // attribute: where a value came from does not make it another promise.
+    std::vector<std::string> value_tags{};
 };
 
 namespace veltrane {

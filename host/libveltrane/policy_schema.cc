@@ -11,6 +11,7 @@
 
 #include "libveltrane/policy_checks.h"
 #include "libveltrane/policy_functions.h"
+#include "libveltrane/query_border.h"
 #include "libveltrane/tree_walk.h"
 
 namespace veltrane {
@@ -24,6 +25,7 @@ Complaint DepthSearch(const Rule &rule, YamlNode *value);
 Complaint Count(const Rule &rule, YamlNode *value);
 Complaint OutcomeClasses(const Rule &rule, YamlNode *value);
 Complaint ReportDataSelect(const Rule &rule, YamlNode *value);
+Complaint AbsolutePath(const Rule &rule, YamlNode *value);
 
 // clang-format off
 
@@ -163,6 +165,7 @@ constexpr Rule kControlServerRules[] = {
     {"call_collect_interval", WholeNumber, 0, INT_MAX},
     {"dump_reports",          Boolean},
     {"max_connections",       WholeNumber, 1, 65535},
+    {"service_announcement",  AbsolutePath},
 };
 
 struct Chapter {
@@ -241,6 +244,13 @@ Complaint ReportDataSelect(const Rule &rule, YamlNode *value)
     return CheckNested(kReportDataSelectRules, rule, value);
 }
 
+Complaint AbsolutePath(const Rule &rule, YamlNode *value)
+{
+    return value->IsText() && value->text.starts_with('/')
+               ? std::nullopt
+               : Refuse(value->offset, "'" + std::string(rule.name) + "' must be an absolute path");
+}
+
 Complaint CheckExactlyOne(std::initializer_list<std::string_view> names, std::string_view promise_type,
                           const YamlNode &promise)
 {
@@ -291,6 +301,27 @@ Complaint CheckPromiser(std::string_view promise_type, const YamlNode &promiser)
     return std::nullopt;
 }
 
+Complaint CheckAccess(const YamlNode &promise)
+{
+    const YamlNode *resource = promise.Find("resource");
+    if (resource == nullptr) {
+        return Refuse(promise.offset, "a promise of type 'access' needs a 'resource'");
+    }
+    const YamlNode *handle = promise.Find("handle");
+    if (resource->text == "literal" && handle == nullptr) {
+        return Refuse(promise.offset, "a literal needs a 'handle' under which it is published");
+    }
+    if (resource->text == "literal" && !HoldsVariable(handle->text) && !IsHandle(handle->text)) {
+        return Refuse(handle->offset,
+                      "a 'handle' has 1 to " + std::to_string(kLongestHandle) + " bytes and no control characters");
+    }
+    const YamlNode *promiser = promise.Find("access");
+    if (resource->text == "context" && !HoldsVariable(promiser->text) && promiser->text != kCollectCalls) {
+        return Refuse(promiser->offset, Quoted(promiser->text) + " is no context: there is " + kCollectCalls);
+    }
+    return std::nullopt;
+}
+
 // What the attributes of one promise must be together.
 Complaint CheckTogether(std::string_view promise_type, const YamlNode &promise)
 {
@@ -301,13 +332,7 @@ Complaint CheckTogether(std::string_view promise_type, const YamlNode &promise)
         return CheckExactlyOne({"expression", "and", "or", "not"}, promise_type, promise);
     }
     if (promise_type == "access") {
-        const YamlNode *resource = promise.Find("resource");
-        if (resource == nullptr) {
-            return Refuse(promise.offset, "a promise of type 'access' needs a 'resource'");
-        }
-        if (resource->text == "literal" && promise.Find("handle") == nullptr) {
-            return Refuse(promise.offset, "a literal needs a 'handle' under which it is published");
-        }
+        return CheckAccess(promise);
     }
     return std::nullopt;
 }

@@ -9,6 +9,7 @@
 
 #include "libveltrane/eval_context_internal.h"
 #include "libveltrane/expansion.h"
+#include "libveltrane/policy_internal.h"
 #include "libveltrane/promise_attributes.h"
 
 namespace veltrane {
@@ -130,6 +131,7 @@ std::string PromiseTags(const Promise *expanded)
 {
     std::string tags = "source=promise";
     for (const std::string &tag : AttributeTexts(expanded, "meta")) { tags += "," + tag; }
+    for (const std::string &tag : expanded->internal->value_tags) { tags += "," + tag; }
     return tags;
 }
 

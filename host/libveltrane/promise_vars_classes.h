@@ -1,7 +1,8 @@
 // The promise types that every program of the host evaluates: "vars" and "classes".
 //
-// What they define carries the tag "source=promise" and then the tags of the promise's attribute "meta". A class is one
-// of the whole run (scope "namespace", the default) or of its bundle alone (scope "bundle").
+// What they define carries the tag "source=promise", then the tags of the promise's attribute "meta", then those that
+// the functions in its value brought. A class is one of the whole run (scope "namespace", the default) or of its bundle
+// alone (scope "bundle").
 #ifndef HOST_LIBVELTRANE_PROMISE_VARS_CLASSES_H
 #define HOST_LIBVELTRANE_PROMISE_VARS_CLASSES_H
 
@@ -13,7 +14,7 @@
 
 namespace veltrane {
 
-// "source=promise" and the promise's meta tags, joined by commas.
+// "source=promise", the promise's meta tags and those of its value, joined by commas.
 std::string PromiseTags(const Promise *expanded);
 
 // Define a variable of the promise's bundle. Kept, or failed when the name or the value is none.

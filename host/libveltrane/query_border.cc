@@ -1,5 +1,6 @@
 #include "libveltrane/query_border.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace veltrane {
@@ -64,6 +65,14 @@ std::optional<ReportQuery> ParseReportQuery(std::string_view menu, time_t now, s
         return std::nullopt;
     }
     return query;
+}
+
+bool IsHandle(std::string_view text)
+{
+    return !text.empty() && text.size() <= kLongestHandle && std::none_of(text.begin(), text.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte < ' ' || byte == 0x7f;
+    });
 }
 
 }  // namespace veltrane

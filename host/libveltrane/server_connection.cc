@@ -18,6 +18,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <veltrane/alloc.h>
 #include <veltrane/globals.h>
@@ -37,7 +38,9 @@ namespace veltrane {
 
 namespace {
 
-std::mutex open_connections_mutex;  // guards open_connections
+std::mutex open_connections_mutex;  // guards the set below and each connection's scope
+
+thread_local const ConnectionScope *present_scope = nullptr;
 
 std::set<AgentConnection *> &OpenConnections()
 {
@@ -49,6 +52,16 @@ void Register(AgentConnection *conn)
 {
     const std::lock_guard lock(open_connections_mutex);
     OpenConnections().insert(conn);
+    if (conn->internal != nullptr) {
+        conn->internal->scope = present_scope;
+    }
+}
+
+// Nobody's scope closes it any more.
+void LeaveScope(AgentConnection *conn)
+{
+    const std::lock_guard lock(open_connections_mutex);
+    conn->internal->scope = nullptr;
 }
 
 void Unregister(AgentConnection *conn)
@@ -308,6 +321,23 @@ void CloseOpenConnections()
     for (AgentConnection *conn : left) { Close(conn); }
 }
 
+ConnectionScope::ConnectionScope() : outer_(std::exchange(present_scope, this)) {}
+
+ConnectionScope::~ConnectionScope()
+{
+    present_scope = outer_;
+    std::vector<AgentConnection *> left;
+    {
+        const std::lock_guard lock(open_connections_mutex);
+        for (AgentConnection *conn : OpenConnections()) {
+            if (conn->internal != nullptr && conn->internal->scope == this) {
+                left.push_back(conn);
+            }
+        }
+    }
+    for (AgentConnection *conn : left) { Close(conn); }
+}
+
 }  // namespace veltrane
 
 extern "C" {
@@ -335,6 +365,9 @@ void DisconnectServer(AgentConnection *conn)
     }
     AgentConnection *to_close = nullptr;
     const bool for_the_next = conn->internal != nullptr && !conn->internal->cache_key.empty();
+    if (for_the_next) {
+        veltrane::LeaveScope(conn);  // before it is aside, where another thread may take it
+    }
     if (!for_the_next || !veltrane::PutConnectionAside(conn, &to_close)) {
         to_close = conn;
     }

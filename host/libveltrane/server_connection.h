@@ -25,6 +25,20 @@ AgentConnection *AgentConnectionNew(ConnectionInfo *info);
 // Close every AgentConnection that is still open.
 void CloseOpenConnections();
 
+// A stretch of one thread's work that may leave connections open: those that the thread made in it, and nobody ended or
+// put aside, are closed at its end. Other threads' connections stay. Of two, one inside the other, the inner one
+// counts.
+class ConnectionScope {
+  public:
+    ConnectionScope();
+    ~ConnectionScope();
+    ConnectionScope(const ConnectionScope &) = delete;
+    ConnectionScope &operator=(const ConnectionScope &) = delete;
+
+  private:
+    const ConnectionScope *const outer_;
+};
+
 }  // namespace veltrane
 
 #endif

@@ -8,6 +8,9 @@
 #include <cerrno>
 #include <string_view>
 
+#include <veltrane/errors.h>
+#include <veltrane/logging.h>
+
 #include "libveltrane/hello.h"
 #include "libveltrane/last_seen.h"
 #include "libveltrane/net_address.h"
@@ -76,6 +79,26 @@ AcceptedPeer AcceptPeer(int fd)
         peer.connection = std::move(connection);
     }
     return peer;
+}
+
+void LogRefusal(const AcceptedPeer &peer)
+{
+    switch (peer.refusal) {
+        case Refusal::none:
+            return;
+        case Refusal::no_handshake:
+            errno = peer.error;
+            Log(LOG_LEVEL_VERBOSE, "No handshake with %s: %s", peer.address.c_str(), GetErrorStr());
+            return;
+        case Refusal::not_trusted:
+            Log(LOG_LEVEL_NOTICE, "Refused a connection from %s: key %s is not trusted", peer.address.c_str(),
+                peer.identity.c_str());
+            return;
+        case Refusal::no_common_protocol:
+            Log(LOG_LEVEL_VERBOSE, "No common protocol version with %s (%s)", peer.address.c_str(),
+                peer.identity.c_str());
+            return;
+    }
 }
 
 }  // namespace veltrane

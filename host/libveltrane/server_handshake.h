@@ -1,6 +1,6 @@
 // The server's side of a new connection: TLS, trust, protocol version.
 //
-// A peer whose key is not trusted gets nothing beyond the TLS handshake. Nothing here logs; what is handed back is
+// A peer whose key is not trusted gets nothing beyond the TLS handshake. AcceptPeer logs nothing; what it hands back is
 // enough for the caller's one line.
 #ifndef HOST_LIBVELTRANE_SERVER_HANDSHAKE_H
 #define HOST_LIBVELTRANE_SERVER_HANDSHAKE_H
@@ -30,6 +30,10 @@ struct AcceptedPeer {
 // written to any more; in a ready connection it stays open when the record is destroyed (ServerConnectionStateDestroy
 // closes it).
 AcceptedPeer AcceptPeer(int fd);
+
+// The line of a daemon about a peer that it refused: whose key is not trusted at notice level, what is no peer of ours
+// at verbose level; none for Refusal::none.
+void LogRefusal(const AcceptedPeer &peer);
 
 }  // namespace veltrane
 

@@ -35,7 +35,7 @@ int BioRead(BIO *bio, char *buffer, size_t size, size_t *ret_read)
     } else if (n == 0) {
         state->at_end = true;
     }
-    return n > 0 ? 1 : 0;
+    return n > 0 ? 1 : static_cast<int>(n);  // an end is told from a failure, as by OpenSSL's own
 }
 
 int BioWrite(BIO *bio, const char *bytes, size_t size, size_t *ret_written)

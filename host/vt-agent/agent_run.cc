@@ -21,12 +21,14 @@
 #include <veltrane/known_dirs.h>
 #include <veltrane/logging.h>
 #include <veltrane/measure.h>
+#include <veltrane/net.h>
 #include <veltrane/owned.h>
 #include <veltrane/string_lib.h>
 
 #include "libveltrane/evaluator.h"
 #include "libveltrane/log_limits.h"
 #include "libveltrane/policy_control.h"
+#include "vt-agent/bootstrap.h"
 #include "vt-agent/commands.h"
 #include "vt-agent/diagnostics.h"
 #include "vt-agent/files_promise.h"
@@ -172,6 +174,8 @@ bool RunPolicy(const AgentOptions &options, const std::string &path, Role role =
     GenericAgentConfig config{};
     config.input_file = input_file.data();
     config.agent_specific.report_class_log = log_classes;
+    std::string bootstrap = options.bootstrap;
+    config.agent_specific.bootstrap_argument = bootstrap.empty() ? nullptr : bootstrap.data();
     ReportPolicy(&config, ctx.get(), policy.get(), &packages, start);
     return true;
 }
@@ -188,6 +192,25 @@ bool RunRoles(const AgentOptions &options)
         RunPolicy(options, failsafe);
     }
     return updated && ran;
+}
+
+// The policy of a bootstrap, when there is one.
+bool RunBootstrapPolicy(const AgentOptions &options)
+{
+    const std::string failsafe = InputPath("failsafe.vt");
+    if (!options.file.empty()) {
+        return RunPolicy(options, InputPath(options.file));
+    }
+    return !IsThere(failsafe) || RunPolicy(options, failsafe);
+}
+
+bool RunAll(const AgentOptions &options)
+{
+    if (!options.bootstrap.empty()) {
+        const std::optional<HubAddress> hub = ParseHub(options.bootstrap);
+        return hub.has_value() && Bootstrap(*hub, options.hub_key) && RunBootstrapPolicy(options);
+    }
+    return options.file.empty() ? RunRoles(options) : RunPolicy(options, InputPath(options.file));
 }
 
 int ShowVersion(const ProgramOptions &program)
@@ -222,7 +245,8 @@ int RunAgent(const AgentOptions &options)
         return RunDiagnostics() ? kRan : kTrouble;
     }
     CollectedMessages::SetUp();
-    const bool ran = options.file.empty() ? RunRoles(options) : RunPolicy(options, InputPath(options.file));
+    const bool ran = RunAll(options);
+    vtnet_Shut();
     return ran ? kRan : kTrouble;
 }
 

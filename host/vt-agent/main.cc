@@ -1,11 +1,14 @@
 // vt-agent, and vt-twin, which is the same program under its second name: the command line.
 //
 // Exit status: 0 when the run came to its end, promises that are not kept and checks that fail included; 1 when the
-// policy or the work directory is in trouble, or another agent is at work; 2 for wrong usage.
+// policy or the work directory is in trouble, another agent is at work, or the hub of a bootstrap is not the one that
+// is meant; 2 for wrong usage.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "libveltrane/keys.h"
 #include "vt-agent/agent_run.h"
+#include "vt-agent/bootstrap.h"
 
 namespace {
 
@@ -29,6 +32,18 @@ int main(int argc, char **argv)
         ->delimiter(',')
         ->allow_extra_args(false);
     app.add_option("--port", options.program.port, "Port of the host's network protocol [6127]");
+    app.add_option("--timeout", options.program.timeout_seconds,
+                   "Seconds that another host may take for each step, 1 to 3600 [30]")
+        ->check(CLI::Range(1, 3600));
+    app.add_option("--bootstrap", options.bootstrap, "HUB or HUB:PORT: make it the hub of this host, then end")
+        ->check([](const std::string &text) {
+            return veltrane::ParseHub(text).has_value() ? "" : "'" + text + "' is no HUB or HUB:PORT";
+        });
+    app.add_option("--key", options.hub_key, "With --bootstrap: the hub's key, SHA=...")
+        ->needs("--bootstrap")
+        ->check([](const std::string &text) {
+            return veltrane::IsIdentity(text) ? "" : "'" + text + "' is no key: SHA= and 64 hex digits are expected";
+        });
     app.add_flag("-I,--inform", inform, "Tell what is changed");
     app.add_flag("-v,--verbose", verbose, "Tell what is done");
     app.add_flag("-d,--debug", debug, "Tell everything");
@@ -43,6 +58,12 @@ int main(int argc, char **argv)
         return app.exit(help);
     } catch (const CLI::ParseError &error) {
         fprintf(stderr, "%s\n%s", error.what(), app.help().c_str());
+        return kWrongUsage;
+    }
+    if (!options.bootstrap.empty() && options.hub_key.empty()) {
+        fprintf(stderr,
+                "--bootstrap needs --key SHA=...: the hub's key, without which anybody could pass for the hub.\n"
+                "On the hub, this prints it: vt-serverd key\n");
         return kWrongUsage;
     }
     options.program.level = debug     ? LOG_LEVEL_DEBUG

@@ -15,9 +15,9 @@
 #include "libveltrane/privilege.h"
 #include "libveltrane/program.h"
 #include "libveltrane/trust_commands.h"
+#include "vt-hub/listen.h"
 #include "vt-hub/query.h"
-#include "vt-hub/report_reader.h"
-#include "vt-hub/report_view.h"
+#include "vt-hub/reply_output.h"
 #include "vt-hub/stream_file.h"
 
 namespace {
@@ -30,8 +30,8 @@ struct Arguments {
     int loudness = 0;  // how many steps above the usual log level
     vthub::Query query;
     std::string target;  // HOST[:PORT]
-    bool raw = false;
-    bool wide = false;
+    vthub::ListenOptions listen;
+    vthub::OutputOptions output;
     std::string file;
     std::string show_type = "delta";
     std::string trust_file;
@@ -41,20 +41,8 @@ struct Arguments {
 int Show(const Arguments &arguments, const std::string &identity, const std::string &type,
          const std::vector<std::string> &lines)
 {
-    if (arguments.raw) {
-        vthub::PrintStream(std::cout, lines, isatty(STDOUT_FILENO) != 0);
-        return std::cout.flush() ? 0 : kFailure;
-    }
-    vthub::ReportReader reader;
-    if (!vthub::LoadReportReader(&reader)) {
-        return kFailure;
-    }
-    const vthub::ReportPtr report = vthub::ReadReport(reader, identity, type, lines);
-    if (report == nullptr) {
-        return kFailure;
-    }
-    vthub::PrintReport(std::cout, reader, report.get(), lines, arguments.wide);
-    return std::cout.flush() ? 0 : kFailure;
+    const bool written = vthub::WriteReply(std::cout, arguments.output, identity, type, lines);
+    return written && std::cout.flush() ? 0 : kFailure;
 }
 
 int Collect(Arguments &arguments)
@@ -85,6 +73,18 @@ int Collect(Arguments &arguments)
     return status;
 }
 
+int ListenForCalls(Arguments &arguments)
+{
+    arguments.listen.output = arguments.output;
+    vtnet_Init();
+    if (!vtnet_IsInitialized()) {
+        return kFailure;
+    }
+    const int status = vthub::Listen(arguments.listen);
+    vtnet_Shut();
+    return status;
+}
+
 int ShowFile(const Arguments &arguments)
 {
     const std::optional<std::vector<std::string>> lines = vthub::ReadStreamFile(arguments.file);
@@ -107,6 +107,12 @@ LogLevel LevelFor(int loudness)
                            : LOG_LEVEL_DEBUG;
 }
 
+void DescribeOutput(CLI::App *command, Arguments &arguments)
+{
+    command->add_flag("--raw", arguments.output.raw, "Print the stream itself, a line each");
+    command->add_flag("--wide", arguments.output.wide, "Show all columns, and never cut a cell of a table");
+}
+
 void DescribeCollect(CLI::App &app, Arguments &arguments)
 {
     CLI::App *collect = app.add_subcommand("collect", "Ask a host for its reports and show them");
@@ -119,8 +125,23 @@ void DescribeCollect(CLI::App &app, Arguments &arguments)
     collect->add_option("--since", arguments.query.since, "Start of the wanted period, seconds since the epoch")
         ->check(CLI::NonNegativeNumber);
     collect->add_option("--key", arguments.query.key, "Accept only the host with this key (SHA=...)");
-    collect->add_flag("--raw", arguments.raw, "Print the stream itself, a line each");
-    collect->add_flag("--wide", arguments.wide, "Show all columns, and never cut a cell of a table");
+    DescribeOutput(collect, arguments);
+}
+
+void DescribeListen(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *listen = app.add_subcommand(
+        "listen", "Wait for hosts that call, ask each for its reports and show them, until a signal ends it");
+    listen
+        ->add_option("--type", arguments.listen.type,
+                     "delta: what changed (the default); rebase: the whole state, after which the host forgets its "
+                     "change history")
+        ->check(CLI::IsMember({"delta", "rebase"}));
+    listen->add_option("--since", arguments.listen.since, "Start of the wanted period, seconds since the epoch (0)")
+        ->check(CLI::NonNegativeNumber);
+    listen->add_option("--count", arguments.listen.count, "End after so many hosts have answered")
+        ->check(CLI::PositiveNumber);
+    DescribeOutput(listen, arguments);
 }
 
 void DescribeShow(CLI::App &app, Arguments &arguments)
@@ -130,8 +151,7 @@ void DescribeShow(CLI::App &app, Arguments &arguments)
         ->required();
     show->add_option("--type", arguments.show_type, "What was asked for: in a rebase an absent state is an empty one")
         ->check(CLI::IsMember({"delta", "rebase"}));
-    show->add_flag("--raw", arguments.raw, "Print the stream itself, a line each");
-    show->add_flag("--wide", arguments.wide, "Show all columns, and never cut a cell of a table");
+    DescribeOutput(show, arguments);
 }
 
 void DescribeTrust(CLI::App &app, Arguments &arguments)
@@ -151,6 +171,9 @@ int Run(CLI::App &app, Arguments &arguments)
 {
     if (app.got_subcommand("collect")) {
         return Collect(arguments);
+    }
+    if (app.got_subcommand("listen")) {
+        return ListenForCalls(arguments);
     }
     if (app.got_subcommand("show")) {
         return ShowFile(arguments);
@@ -191,6 +214,7 @@ int main(int argc, char **argv)
     app.add_flag("--fips", arguments.program.fips, "Run in FIPS mode");
     app.add_flag("-V,--version", version, "Print the versions and leave");
     DescribeCollect(app, arguments);
+    DescribeListen(app, arguments);
     DescribeShow(app, arguments);
     DescribeTrust(app, arguments);
     try {
@@ -199,6 +223,7 @@ int main(int argc, char **argv)
         return app.exit(error) == 0 ? 0 : kWrongUsage;
     }
     arguments.program.level = LevelFor(arguments.loudness);
+    arguments.output.terminal = isatty(STDOUT_FILENO) != 0;
     if (!veltrane::StartProgram(arguments.program)) {
         return kFailure;
     }

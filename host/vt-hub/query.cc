@@ -11,6 +11,8 @@
 #include <veltrane/owned.h>
 #include <veltrane/rlist.h>
 
+#include "libveltrane/server_connection.h"
+
 namespace vthub {
 
 namespace {
@@ -36,25 +38,45 @@ const char *ConnectFailure(int error)
     }
 }
 
+veltrane::RlistPtr OneKey(const std::string &key)
+{
+    Rlist *list = nullptr;
+    RlistAppendScalar(&list, key.c_str());
+    return veltrane::RlistPtr(list);
+}
+
+// Only a failed connect has a system error of its own; for the other failures errno tells nothing to people.
+std::string SystemError(int error) { return error == -2 ? std::string(" (connect: ") + GetErrorStr() + ")" : ""; }
+
 AgentConnectionPtr Connect(const Query &query)
 {
-    veltrane::RlistPtr keys;
-    if (!query.key.empty()) {
-        Rlist *list = nullptr;
-        RlistAppendScalar(&list, query.key.c_str());
-        keys.reset(list);
-    }
+    const veltrane::RlistPtr keys = query.key.empty() ? nullptr : OneKey(query.key);
     int error = 0;
     errno = 0;
     AgentConnectionPtr connection(ServerConnection(query.host.c_str(),
                                                    query.port.empty() ? nullptr : query.port.c_str(), keys.get(),
                                                    query.timeout_seconds, ConnectionFlags{}, &error));
     if (connection == nullptr) {
-        // Only a failed connect has a system error of its own; for the other failures errno tells nothing to people.
-        const std::string system_error = error == -2 ? std::string(" (connect: ") + GetErrorStr() + ")" : "";
+        const std::string system_error = SystemError(error);
         Log(LOG_LEVEL_ERR, "Could not connect to '%s': %s.%s", query.host.c_str(), ConnectFailure(error),
             system_error.c_str());
     }
+    return connection;
+}
+
+AgentConnectionPtr ConnectToCaller(veltrane::Descriptor socket, const Query &query)
+{
+    int error = 0;
+    errno = 0;
+    AgentConnectionPtr connection(
+        veltrane::ConnectOverSocket(socket.Get(), OneKey(query.key).get(), ConnectionFlags{}, &error));
+    if (connection == nullptr) {
+        const std::string system_error = SystemError(error);
+        Log(LOG_LEVEL_ERR, "Could not call '%s' back: %s.%s", query.host.c_str(), ConnectFailure(error),
+            system_error.c_str());
+        return nullptr;
+    }
+    (void)socket.Release();  // the connection's now
     return connection;
 }
 
@@ -81,6 +103,23 @@ bool TakeText(const char *payload, int length, std::string *ret_text)
     }
     ret_text->assign(payload, static_cast<std::size_t>(length));
     return true;
+}
+
+std::optional<Reply> Ask(const AgentConnectionPtr &connection, const Query &query)
+{
+    if (connection == nullptr || !SendQuery(connection->conn_info, query)) {
+        return std::nullopt;
+    }
+    Reply reply;
+    std::string error;
+    if (!ReceiveReply(connection->conn_info, kMaxReplyBytes, &reply.lines, &error) ||
+        !LengthMatchesHeader(reply.lines, &error)) {
+        Log(LOG_LEVEL_ERR, "No report from '%s': %s", query.host.c_str(), error.c_str());
+        return std::nullopt;
+    }
+    const char *identity = ConnectionInfoIdentity(connection->conn_info);
+    reply.identity = identity != nullptr ? identity : "";
+    return reply;
 }
 
 }  // namespace
@@ -141,22 +180,11 @@ bool LengthMatchesHeader(const std::vector<std::string> &lines, std::string *ret
     return true;
 }
 
-std::optional<Reply> AskHost(const Query &query)
+std::optional<Reply> AskHost(const Query &query) { return Ask(Connect(query), query); }
+
+std::optional<Reply> AskCaller(veltrane::Descriptor socket, const Query &query)
 {
-    const AgentConnectionPtr connection = Connect(query);
-    if (connection == nullptr || !SendQuery(connection->conn_info, query)) {
-        return std::nullopt;
-    }
-    Reply reply;
-    std::string error;
-    if (!ReceiveReply(connection->conn_info, kMaxReplyBytes, &reply.lines, &error) ||
-        !LengthMatchesHeader(reply.lines, &error)) {
-        Log(LOG_LEVEL_ERR, "No report from '%s': %s", query.host.c_str(), error.c_str());
-        return std::nullopt;
-    }
-    const char *identity = ConnectionInfoIdentity(connection->conn_info);
-    reply.identity = identity != nullptr ? identity : "";
-    return reply;
+    return Ask(ConnectToCaller(std::move(socket), query), query);
 }
 
 }  // namespace vthub

@@ -12,11 +12,12 @@
 #include <vector>
 
 #include <veltrane/net.h>
+#include <veltrane/owned.h>
 
 namespace vthub {
 
 struct Query {
-    std::string host;          // name or address
+    std::string host;          // name or address; of a host that called, only what messages name it by
     std::string port;          // "" = the usual one
     std::string key;           // identity that the host must show; "" = any trusted one
     std::string type;          // "delta" or "rebase"
@@ -31,6 +32,10 @@ struct Reply {
 
 // The whole reply of a host, or nothing after one error line that says why.
 std::optional<Reply> AskHost(const Query &query);
+
+// The same from a host that called, over its own socket, on which we are the TLS client. No other key than query.key is
+// accepted there.
+std::optional<Reply> AskCaller(veltrane::Descriptor socket, const Query &query);
 
 // Read the lines of one reply from an open connection after its query was sent. false, with ret_error set, when the
 // host refuses, closes early, sends something else, or more than max_bytes.

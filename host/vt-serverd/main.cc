@@ -11,9 +11,11 @@
 #include <veltrane/logging.h>
 #include <veltrane/net.h>
 #include <veltrane/owned.h>
+#include <veltrane/records.h>
 
 #include "libveltrane/privilege.h"
 #include "libveltrane/program.h"
+#include "libveltrane/query_border.h"
 #include "libveltrane/trust_commands.h"
 #include "vt-serverd/server_daemon.h"
 
@@ -29,6 +31,8 @@ struct Arguments {
     std::string policy_file;
     std::string key_file;
     std::string identity;
+    std::string handle;
+    std::string value;
     bool version = false;
 };
 
@@ -74,6 +78,14 @@ void DescribeCommands(CLI::App &app, Arguments &arguments)
     CLI::App *remove = trust->add_subcommand("remove", "Trust a key no longer");
     remove->add_option("IDENTITY", arguments.identity, "SHA=...")->required();
     trust->add_subcommand("list", "List the trusted keys beside this host's own");
+    CLI::App *scalar = app.add_subcommand("scalar", "Values that other hosts may read, beside those of the policy");
+    scalar->require_subcommand(1);
+    CLI::App *set = scalar->add_subcommand(
+        "set",
+        "Publish VALUE under HANDLE for 900 seconds, in the stead of what the policy publishes there; the policy's\n"
+        "access promise for the handle says who may read it");
+    set->add_option("HANDLE", arguments.handle, "1 to 1024 bytes without control characters")->required();
+    set->add_option("VALUE", arguments.value, "At most 1023 bytes, not beginning with \"BAD:\"")->required();
 }
 
 int PrintVersion()
@@ -116,6 +128,26 @@ int Trust(const CLI::App &trust, const Arguments &arguments)
     return veltrane::TrustListCommand();
 }
 
+int SetScalar(const Arguments &arguments)
+{
+    constexpr size_t kLongestValue = sizeof(PersistentScalar::rval) - 1;
+    if (!veltrane::IsHandle(arguments.handle)) {
+        Log(LOG_LEVEL_ERR, "This is no handle: it has 1 to %zu bytes and no control characters",
+            veltrane::kLongestHandle);
+        return kWrongUsage;
+    }
+    if (arguments.value.size() > kLongestValue || arguments.value.starts_with("BAD:")) {
+        Log(LOG_LEVEL_ERR, "This is no value: it has at most %zu bytes and does not begin with \"BAD:\"",
+            kLongestValue);
+        return kWrongUsage;
+    }
+    if (!PersistentScalarPut(arguments.handle.c_str(), arguments.value.c_str())) {
+        Log(LOG_LEVEL_ERR, "Could not store the value of '%s'", arguments.handle.c_str());
+        return kFailure;
+    }
+    return 0;
+}
+
 int Run(const CLI::App &app, const Arguments &arguments)
 {
     if (app.got_subcommand("key")) {
@@ -123,6 +155,9 @@ int Run(const CLI::App &app, const Arguments &arguments)
     }
     if (app.got_subcommand("trust")) {
         return Trust(*app.get_subcommand("trust"), arguments);
+    }
+    if (app.got_subcommand("scalar")) {
+        return SetScalar(arguments);
     }
     return Serve(arguments);
 }

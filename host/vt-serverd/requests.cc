@@ -1,10 +1,12 @@
 #include "vt-serverd/requests.h"
 
-#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <veltrane/entry_points.h>
 #include <veltrane/errors.h>
@@ -20,13 +22,16 @@ namespace {
 
 using StatePtr = std::unique_ptr<ServerConnectionState, veltrane::Destroyer<ServerConnectionStateDestroy>>;
 
+constexpr size_t kLongestValue = VT_BUFSIZE - 1;
+
 enum class After { next_request, close };
 
 // One connection, from the end of its handshake on.
 class Conversation {
   public:
-    Conversation(veltrane::AcceptedPeer peer, const ServedPolicy &policy)
+    Conversation(veltrane::AcceptedPeer peer, const ServedPolicy &policy, const std::function<bool()> &share)
         : policy_(policy),
+          share_(share),
           identity_(std::move(peer.identity)),
           address_(std::move(peer.address)),
           state_(ServerConnectionStateNew(peer.connection.release()))
@@ -58,13 +63,18 @@ class Conversation {
     After Answer(std::string_view request)
     {
         constexpr std::string_view kQuery = "QUERY ";
+        constexpr std::string_view kValue = "VAR ";
         if (request.starts_with(kQuery)) {
             return AnswerQuery(request.substr(kQuery.size()));
         }
+        if (request.starts_with(kValue)) {
+            return AnswerValue(request.substr(kValue.size()));
+        }
+        if (request == "COOKIES") {
+            return ReturnCookies(state_.get()) ? After::next_request : After::close;
+        }
         if (request == "SCALLBACK CALL_ME_BACK collect_calls") {
-            // A caller reads four bare bytes: any answer of ours would pass for an acceptance.
-            Log(LOG_LEVEL_VERBOSE, "Refused a collect call of %s (%s)", address_.c_str(), identity_.c_str());
-            return After::close;
+            return AnswerCollectCall();
         }
         return Refuse("this request is not served");
     }
@@ -89,9 +99,7 @@ class Conversation {
             return After::close;
         }
         auto lock = std::make_shared<ServedPolicy::ReadLock>(policy_.Lock());
-        if (!policy_.Rules().Admits("query", query->type, identity_, address_)) {
-            Log(LOG_LEVEL_NOTICE, "Access to '%s' denied for %s (%s)", query->type.c_str(), address_.c_str(),
-                identity_.c_str());
+        if (!Admits("query", query->type)) {
             return After::close;
         }
         state_->dump_reports = policy_.Settings().dump_reports;
@@ -109,43 +117,72 @@ class Conversation {
         return answered ? After::next_request : After::close;
     }
 
+    // Whether the policy in force admits the peer; a notice line when it does not. The caller holds the read lock.
+    bool Admits(std::string_view resource, const std::string &name) const
+    {
+        const bool admitted = policy_.Rules().Admits(resource, name, identity_, address_);
+        if (!admitted) {
+            Log(LOG_LEVEL_NOTICE, "Access to '%s' denied for %s (%s)", name.c_str(), address_.c_str(),
+                identity_.c_str());
+        }
+        return admitted;
+    }
+
+    After AnswerValue(std::string_view text)
+    {
+        if (!veltrane::IsHandle(text)) {
+            return Refuse("this is no handle of a value");
+        }
+        std::string handle(text);
+        std::vector<char> value(VT_BUFSIZE + 1);  // a value that fills the buffer goes without its zero
+        bool found = false;
+        {
+            const ServedPolicy::ReadLock lock = policy_.Lock();
+            found = Admits("literal", handle) && ReturnLiteralData(policy_.Context(), handle.data(), value.data()) != 0;
+        }
+        if (!found) {
+            return Refuse("no such value is served to you");
+        }
+        const size_t length = strnlen(value.data(), kLongestValue);
+        return SendTransaction(Info(), value.data(), static_cast<int>(length), 't') == 0 ? After::next_request
+                                                                                         : After::close;
+    }
+
+    // The caller reads four bare bytes: any other answer would pass for an acceptance. Whatever becomes of the call,
+    // the connection ends here without another byte, for once it is handed over it is the hub process that talks on it.
+    After AnswerCollectCall()
+    {
+        bool admitted = false;
+        {
+            const ServedPolicy::ReadLock lock = policy_.Lock();
+            admitted = Admits("context", veltrane::kCollectCalls);
+        }
+        if (admitted && share_()) {
+            const bool accepted = ReceiveCollectCall(state_.get());
+            Log(LOG_LEVEL_VERBOSE, "A collect call of %s (%s) was %s", address_.c_str(), identity_.c_str(),
+                accepted ? "accepted" : "not accepted");
+        }
+        return After::close;
+    }
+
     const ServedPolicy &policy_;
+    const std::function<bool()> &share_;
     std::string identity_;
     std::string address_;
     StatePtr state_;
 };
 
-void LogRefusal(const veltrane::AcceptedPeer &peer)
-{
-    switch (peer.refusal) {
-        case veltrane::Refusal::none:
-            return;
-        case veltrane::Refusal::no_handshake:
-            errno = peer.error;
-            Log(LOG_LEVEL_VERBOSE, "No handshake with %s: %s", peer.address.c_str(), GetErrorStr());
-            return;
-        case veltrane::Refusal::not_trusted:
-            Log(LOG_LEVEL_NOTICE, "Refused a connection from %s: key %s is not trusted", peer.address.c_str(),
-                peer.identity.c_str());
-            return;
-        case veltrane::Refusal::no_common_protocol:
-            Log(LOG_LEVEL_VERBOSE, "No common protocol version with %s (%s)", peer.address.c_str(),
-                peer.identity.c_str());
-            return;
-    }
-}
-
 }  // namespace
 
-void ServeConnection(int fd, const ServedPolicy &policy)
+void ServeConnection(int fd, const ServedPolicy &policy, const std::function<bool()> &share)
 {
     veltrane::AcceptedPeer peer = veltrane::AcceptPeer(fd);
     if (peer.refusal != veltrane::Refusal::none) {
-        LogRefusal(peer);
+        veltrane::LogRefusal(peer);
         return;
     }
     Log(LOG_LEVEL_VERBOSE, "Connection from %s: key %s", peer.address.c_str(), peer.identity.c_str());
-    Conversation(std::move(peer), policy).Run();
+    Conversation(std::move(peer), policy, share).Run();
 }
 
 }  // namespace vtserverd

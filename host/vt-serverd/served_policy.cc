@@ -8,6 +8,8 @@
 
 #include "libveltrane/evaluator.h"
 #include "libveltrane/policy_control.h"
+#include "libveltrane/promise_attributes.h"
+#include "libveltrane/query_border.h"
 
 namespace vtserverd {
 
@@ -19,16 +21,45 @@ bool ControlIsTrue(const Policy *policy, const char *attribute, bool otherwise)
     return text != nullptr ? StringEqual(text, "true") : otherwise;
 }
 
+// Within its range, as was checked when the policy was read.
+long ControlNumber(const Policy *policy, const char *attribute, long otherwise)
+{
+    const char *text = veltrane::PolicyControlScalar(policy, "server", attribute);
+    return text != nullptr ? StringToLongDefaultOnError(text, otherwise) : otherwise;
+}
+
 ServerSettings SettingsOf(const Policy *policy)
 {
     ServerSettings settings;
     settings.listen = ControlIsTrue(policy, "listen", settings.listen);
     settings.dump_reports = ControlIsTrue(policy, "dump_reports", settings.dump_reports);
-    if (const char *text = veltrane::PolicyControlScalar(policy, "server", "max_connections")) {
-        settings.max_connections =
-            static_cast<size_t>(StringToLongDefaultOnError(text, static_cast<long>(settings.max_connections)));
+    settings.max_connections =
+        static_cast<size_t>(ControlNumber(policy, "max_connections", static_cast<long>(settings.max_connections)));
+    settings.call_collect_interval =
+        static_cast<int>(ControlNumber(policy, "call_collect_interval", settings.call_collect_interval));
+    if (const char *path = veltrane::PolicyControlScalar(policy, "server", "service_announcement")) {
+        settings.service_announcement = path;
     }
     return settings;
+}
+
+// Admit whom the promise names, and publish what it promises when that is a value.
+PromiseResult KeepAccessPromise(veltrane::AccessRules *rules, EvalContext *ctx, const Promise *expanded)
+{
+    if (StringEqual(veltrane::AttributeText(expanded, "resource"), "literal")) {
+        const char *handle = PromiseGetHandle(expanded);
+        if (handle == nullptr || !veltrane::IsHandle(handle)) {
+            RecordFailure(ctx, expanded, nullptr,
+                          "'%s' is not published: a handle has 1 to %zu bytes and no control "
+                          "characters",
+                          expanded->promiser, veltrane::kLongestHandle);
+            return PROMISE_RESULT_FAIL;
+        }
+        RegisterLiteralServerData(ctx, handle, expanded);
+    }
+    rules->Add(expanded);
+    RecordNoChange(ctx, expanded, nullptr, "Access to '%s' is set", expanded->promiser);
+    return PROMISE_RESULT_NOOP;
 }
 
 veltrane::AccessRules Evaluate(EvalContext *ctx, const Policy *policy)
@@ -36,9 +67,7 @@ veltrane::AccessRules Evaluate(EvalContext *ctx, const Policy *policy)
     veltrane::AccessRules rules;
     veltrane::Evaluation evaluation;
     evaluation.actuators["access"] = [&rules](EvalContext *at, const Promise *expanded) {
-        rules.Add(expanded);
-        RecordNoChange(at, expanded, nullptr, "Access to '%s' is set", expanded->promiser);
-        return PROMISE_RESULT_NOOP;
+        return KeepAccessPromise(&rules, at, expanded);
     };
     (void)veltrane::EvaluateBundles(ctx, policy, "server", evaluation);  // fails for agents alone
     return rules;

@@ -20,6 +20,8 @@ struct ServerSettings {
     bool listen = true;
     bool dump_reports = false;
     size_t max_connections = 200;
+    int call_collect_interval = 0;     // seconds; 0 = no collect calls
+    std::string service_announcement;  // path of the file in which a hub announces itself; "" = none
 };
 
 class ServedPolicy {
@@ -33,9 +35,11 @@ class ServedPolicy {
     // The read lock. It is never held across network I/O.
     ReadLock Lock() const;
 
-    // Both only while the caller holds the read lock, or in the main thread, which alone writes.
+    // All only while the caller holds the read lock, or in the main thread, which alone writes. Under the read lock the
+    // context is read and nothing else.
     const veltrane::AccessRules &Rules() const { return rules_; }
     const ServerSettings &Settings() const { return settings_; }
+    EvalContext *Context() const { return context_.get(); }
 
   private:
     // A waiting writer holds the turnstile, so that readers who keep coming cannot keep it out.

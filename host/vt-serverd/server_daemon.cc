@@ -10,15 +10,18 @@
 #include <cstdio>
 #include <utility>
 
+#include <veltrane/entry_points.h>
 #include <veltrane/errors.h>
 #include <veltrane/extension.h>
 #include <veltrane/logging.h>
 #include <veltrane/net.h>
 
 #include "libveltrane/daemon_signal.h"
+#include "libveltrane/hub_address.h"
 #include "libveltrane/net_address.h"
 #include "libveltrane/policy_functions.h"
 #include "libveltrane/privilege.h"
+#include "vt-serverd/announcement.h"
 #include "vt-serverd/requests.h"
 
 namespace vtserverd {
@@ -28,6 +31,9 @@ namespace {
 constexpr size_t kListenQueue = 128;
 constexpr std::chrono::seconds kStopPatience{10};  // for answers under way when the daemon is told to end
 constexpr int kPauseMilliseconds = 1000;           // before accepting again when descriptors have run out
+
+// The daemon whose listener InitServer opens: a plain function is all that the entry point takes. Main thread only.
+ServerDaemon *asking_daemon = nullptr;
 
 }  // namespace
 
@@ -43,7 +49,8 @@ bool RateLimit::Allows()
 
 ServerDaemon::ServerDaemon(DaemonOptions options)
     : options_(std::move(options)),
-      connections_([this](int fd) { ServeConnection(fd, policy_); }, [] { HandleSignalsForDaemon(0); })
+      connections_([this](int fd) { ServeConnection(fd, policy_, [this, fd] { return connections_.Share(fd); }); },
+                   [] { HandleSignalsForDaemon(0); })
 {
 }
 
@@ -57,6 +64,8 @@ int ServerDaemon::Run()
     Loop();
     Log(LOG_LEVEL_INFO, "Stopping");
     StopListening();
+    CollectCallStop();
+    DropCollectCall();
     connections_.Stop(kStopPatience);
     return 0;
 }
@@ -67,15 +76,18 @@ bool ServerDaemon::Start()
         Log(LOG_LEVEL_ERR, "Could not catch signals. (sigaction: %s)", GetErrorStr());
         return false;
     }
-    if (!Bind()) {
-        return false;
-    }
+    Bind();
     (void)enterprise_library();  // a plug-in may do at its loading what the sandbox refuses
+    veltrane::UsePortOfHub();
     if (!Confine() || !policy_.Load(options_.policy_file)) {
         return false;
     }
     vtnet_Init();
-    return vtnet_IsInitialized() && Listen();
+    if (!vtnet_IsInitialized() || !Listen()) {
+        return false;
+    }
+    FollowPolicy();
+    return true;
 }
 
 bool ServerDaemon::Confine()
@@ -88,13 +100,10 @@ bool ServerDaemon::Confine()
     return why.empty();
 }
 
-bool ServerDaemon::Bind()
+void ServerDaemon::Bind()
 {
     listener_ = veltrane::OpenBoundSocket(options_.bind_address.c_str(), options_.port.c_str());
-    if (listener_ < 0) {
-        LogNoListener();
-    }
-    return listener_ >= 0;
+    bind_error_ = listener_ < 0 ? errno : 0;
 }
 
 void ServerDaemon::LogNoListener() const
@@ -103,36 +112,67 @@ void ServerDaemon::LogNoListener() const
         options_.port.c_str(), GetErrorStr());
 }
 
+// What the policy, or the plug-in on a hub, asks for: the listening socket, or -1 with errno.
+int ServerDaemon::OpenListener(size_t queue_size)
+{
+    wanted_ = true;
+    if (listener_ < 0 && bind_error_ == 0) {
+        Bind();  // the policy before had it closed
+    }
+    if (listener_ < 0) {
+        errno = std::exchange(bind_error_, 0);  // the next reload tries again
+        return -1;
+    }
+    return veltrane::Listen(listener_, queue_size) ? listener_ : -1;
+}
+
+int ServerDaemon::InitServer(size_t queue_size, char * /*bind_address: the socket is bound already*/)
+{
+    return asking_daemon->OpenListener(queue_size);
+}
+
 bool ServerDaemon::Listen()
 {
-    if (!policy_.Settings().listen) {
+    wanted_ = false;
+    asking_daemon = this;
+    const int fd = SetServerListenState(policy_.Context(), kListenQueue, options_.bind_address.data(),
+                                        policy_.Settings().listen, InitServer);
+    asking_daemon = nullptr;
+    if (!wanted_) {
         Log(LOG_LEVEL_NOTICE, "The policy does not let this daemon listen");
         StopListening();
         return true;
     }
-    if (listening_) {
-        return true;
-    }
-    if (listener_ < 0 && !Bind()) {
-        return false;
-    }
-    if (!veltrane::Listen(listener_, kListenQueue)) {
+    if (fd < 0) {
         LogNoListener();
         StopListening();
         return false;
     }
-    listening_ = true;
-    std::printf("Listening on %s\n", veltrane::LocalAddressAndPort(listener_).c_str());
-    std::fflush(stdout);
+    if (!std::exchange(listening_, true)) {
+        std::printf("Listening on %s\n", veltrane::LocalAddressAndPort(listener_).c_str());
+        std::fflush(stdout);
+    }
     return true;
 }
 
 void ServerDaemon::StopListening()
 {
     listening_ = false;
+    bind_error_ = 0;
     if (listener_ >= 0) {
         close(std::exchange(listener_, -1));
     }
+}
+
+// What else is as the policy in force says.
+void ServerDaemon::FollowPolicy()
+{
+    if (listening_) {
+        AnnounceHub(policy_, listener_);
+    }
+    const int interval = policy_.Settings().call_collect_interval;
+    makes_calls_ = makes_calls_ || interval > 0;
+    CollectCallStart(interval);
 }
 
 void ServerDaemon::Loop()
@@ -153,6 +193,7 @@ void ServerDaemon::Loop()
         if (requests.reload) {
             Reload();
         }
+        ServeCollectCall();
         accept_paused_ = false;
         if (ready > 0 && waiting[1].revents != 0 && listener_ >= 0) {
             AcceptAll();
@@ -162,12 +203,41 @@ void ServerDaemon::Loop()
 
 void ServerDaemon::Reload()
 {
+    ReloadHAConfig();  // the policy is then evaluated with what it says
     if (!policy_.Load(options_.policy_file)) {
         Log(LOG_LEVEL_ERR, "The policy before stays in force");
         return;
     }
     Log(LOG_LEVEL_NOTICE, "Read the policy '%s' again", options_.policy_file.c_str());
     (void)Listen();  // has said why not; the next reload tries again
+    FollowPolicy();
+}
+
+// Serve the hub that has accepted our call, on the connection that we made. Until it is marked as processed the plug-in
+// makes no other call.
+void ServerDaemon::ServeCollectCall()
+{
+    if (!makes_calls_ || !CollectCallHasPending()) {
+        return;
+    }
+    const int fd = CollectCallGetPending(nullptr);
+    if (fd < 0) {
+        return;
+    }
+    const std::string network = veltrane::NetworkOf(veltrane::PeerAddress(fd));
+    if (!connections_.Start(fd, network, CollectCallMarkProcessed)) {
+        Log(LOG_LEVEL_ERR, "Could not serve the hub that was called. (pthread_create: %s)", GetErrorStr());
+    }
+}
+
+// The hub that has accepted a call while we end.
+void ServerDaemon::DropCollectCall()
+{
+    const int fd = makes_calls_ ? CollectCallGetPending(nullptr) : -1;
+    if (fd >= 0) {
+        close(fd);
+        CollectCallMarkProcessed();
+    }
 }
 
 void ServerDaemon::AcceptAll()

@@ -7,6 +7,13 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+
+#include <veltrane/logging.h>
+#include <veltrane/net.h>
+#include <veltrane/rlist.h>
 
 #define FAKE_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -15,8 +22,10 @@ FAKE_EXPORT const char *GetExtensionLibraryVersion() { return FAKE_VERSION; }
 #endif
 
 FAKE_EXPORT std::atomic<int> fake_calls;  // of wrappers, whether they ran or not
+FAKE_EXPORT std::atomic<bool> fake_server_is_down;
 FAKE_EXPORT struct timespec fake_start;
 std::atomic<int> fake_calls{0};
+std::atomic<bool> fake_server_is_down{false};
 struct timespec fake_start = {0, 0};
 
 #ifdef FAKE_CANARY
@@ -59,6 +68,64 @@ struct Body<VtEnterpriseOptionsTag, char> {
 template <>
 struct Body<Vesk_NoteAgentExecutionPerformanceTag, void, const char *, struct timespec> {
     static void Run(const char *, struct timespec start) { fake_start = start; }
+};
+
+// Another host's values: each handle has the value "value of <handle>", "long" has one that fills the buffer, and
+// "refused" has none. Each look-up leaves its connection open.
+template <>
+struct Body<GetRemoteScalarTag, char *, EvalContext *, char *, char *, const char *, int, char *> {
+    static char *Run(EvalContext *, char *proto, char *handle, const char *server, int encrypted, char *recvbuffer)
+    {
+        Log(LOG_LEVEL_INFO, "Asked '%s' of '%s' encrypted %d: %s", handle, server, encrypted, proto);
+        int error = 0;
+        (void)ServerConnection(server, "", nullptr, 1, ConnectionFlags{}, &error);
+        if (fake_server_is_down || strcmp(handle, "refused") == 0) {
+            strcpy(recvbuffer, "BAD:");
+        } else if (strcmp(handle, "long") == 0) {
+            memset(recvbuffer, 'x', VT_BUFSIZE);
+        } else {
+            snprintf(recvbuffer, VT_BUFSIZE, "value of %s", handle);
+        }
+        return strcmp(handle, "no network") == 0 ? nullptr : recvbuffer;
+    }
+};
+
+std::map<std::string, std::string> &KeptValues()
+{
+    static std::map<std::string, std::string> values;
+    return values;
+}
+
+template <>
+struct Body<CacheUnreliableValueTag, void, char *, char *, char *> {
+    static void Run(char *caller, char *handle, char *buffer)
+    {
+        KeptValues()[std::string(caller) + "_" + handle] = buffer;
+    }
+};
+
+template <>
+struct Body<RetrieveUnreliableValueTag, int, char *, char *, char *> {
+    static int Run(char *caller, char *handle, char *buffer)
+    {
+        return snprintf(buffer, VT_BUFSIZE, "%s", KeptValues()[std::string(caller) + "_" + handle].c_str());
+    }
+};
+
+template <>
+struct Body<ListHostsWithFieldTag, bool, EvalContext *, Rlist **, char *, char *, int> {
+    static bool Run(EvalContext *, Rlist **return_list, char *field_value, char *return_format, int function_type)
+    {
+        if (strcmp(field_value, "unknown") == 0) {
+            return false;
+        }
+        if (strcmp(field_value, "nowhere") != 0) {
+            RlistAppendScalar(return_list, field_value);
+            RlistAppendScalar(return_list, return_format);
+            RlistAppendScalar(return_list, std::to_string(function_type).c_str());
+        }
+        return true;
+    }
 };
 
 template <typename Name, typename R, typename... Arguments>

@@ -66,13 +66,13 @@ class Site {
 
     ProcessResult RunAgent(std::vector<std::string> arguments = {}) const { return Run("vt-agent", Host(), arguments); }
 
-    // Start the daemon and wait until it listens; false when it does not.
-    bool StartDaemon(std::vector<std::string> arguments = {})
+    // Start the daemon, or the test daemon in its stead, and wait until it listens; false when it does not.
+    bool StartDaemon(std::vector<std::string> arguments = {}, const std::string &program = "vt-serverd")
     {
         ProcessOptions options;
         options.arguments = {"--workdir", Host().string(), "--bind", "127.0.0.1", "--port", "0"};
         options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
-        daemon = std::make_unique<BackgroundProcess>(std::string(VT_TEST_BIN_DIR) + "/vt-serverd", options);
+        daemon = std::make_unique<BackgroundProcess>(std::string(VT_TEST_BIN_DIR) + "/" + program, options);
         std::string line;
         if (!daemon->WaitForLine("Listening on ", std::chrono::seconds(20), &line)) {
             return false;

@@ -24,7 +24,8 @@ constexpr char kGreeting[] = "HELLO 4";
 class Peers : public testing::Test {
   protected:
     // time_out  seconds that the daemon gives a peer for each step
-    void Start(int time_out = 1, const std::string &control = "")
+    // promises  of the policy, beside those that admit the hub to reports
+    void Start(int time_out = 1, const std::string &control = "", const std::string &promises = "")
     {
         std::string policy = control.empty() ? "" : "control:\n  server:\n" + control;
         policy += "bundles:\n  - server: reports\n    promises:\n";
@@ -32,9 +33,10 @@ class Peers : public testing::Test {
             policy += std::string("      - access: ") + word + "\n        resource: query\n        admit_keys: [\"" +
                       site.hub_key + "\"]\n";
         }
-        site.WritePolicy(policy);
+        site.WritePolicy(policy + promises);
         ASSERT_TRUE(site.TrustEachOther());
-        ASSERT_TRUE(site.StartDaemon({"--verbose", "--timeout", std::to_string(time_out)})) << site.daemon->Err();
+        options.insert(options.end(), {"--timeout", std::to_string(time_out)});
+        ASSERT_TRUE(site.StartDaemon(options)) << site.daemon->Err();
         port = site.address.substr(site.address.rfind(':') + 1);
         hub_key = ReadPrivateKey(site.Hub() / "keys/host.priv");
         ASSERT_NE(hub_key, nullptr);
@@ -75,6 +77,7 @@ class Peers : public testing::Test {
     }
 
     Site site;
+    std::vector<std::string> options{"--verbose"};  // of the daemon
     std::string port;
     veltrane::KeyPtr hub_key;
     long idle_threads = 0;
@@ -413,6 +416,59 @@ TEST_F(Peers, AReaderThatStopsAmidALargeReplyIsGivenUp)
     EXPECT_TRUE(Says("Failed send. (send: Connection timed out)"));
     EXPECT_TRUE(Eventually([this] { return IsIdle(); }));
     idle_memory += 4 * kMoreMemory;  // what the large reply was made in; the allocator keeps some of it
+}
+
+class AskersOfValues : public Peers {
+  protected:
+    void Start()
+    {
+        const std::string value(4000, 'v');
+        options.clear();  // it would say each value
+        Peers::Start(1, "",
+                     "      - access: \"" + value + "\"\n        resource: literal\n        handle: h\n" +
+                         "        admit_keys: [\"" + site.hub_key + "\"]\n");
+        peer = std::make_unique<TlsPeer>(hub_key.get());
+        ASSERT_EQ(peer->ConnectAndGreet(port), veltrane::kHighestWireProtocol);
+    }
+
+    std::unique_ptr<TlsPeer> peer;
+};
+
+TEST_F(AskersOfValues, WhoReadNoneOfThemAreGivenUp)
+{
+    Start();
+    // Until neither side's buffers hold more, and the daemon waits in the middle of an answer.
+    const timeval moment{0, 100'000};
+    setsockopt(peer->fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &moment, sizeof(moment));
+    const std::string request = Transaction('t', 5, "VAR h");
+    int sent = 0;
+    while (sent < 1'000'000 && peer->SendInside(request)) { ++sent; }
+    EXPECT_LT(sent, 1'000'000) << "it reads no further request while its answer is not taken";
+    ASSERT_TRUE(Eventually([this] { return IsIdle(); }));
+}
+
+TEST_F(AskersOfValues, WhoseRequestIsCutOffAreGivenUp)
+{
+    Start();
+    ASSERT_TRUE(peer->SendInside(Transaction('t', 5, "VAR ")));
+    EXPECT_TRUE(IsEnded(peer->fd.Get()));
+}
+
+TEST_F(AskersOfValues, WhoseRequestHas4097BytesAreClosed)
+{
+    Start();
+    ASSERT_TRUE(peer->SendInside(Transaction('t', 4097, "VAR " + std::string(4093, 'h'))));
+    EXPECT_TRUE(IsEnded(peer->fd.Get()));
+}
+
+TEST_F(AskersOfValues, WhoseHandleFillsARequestAreRefusedInWords)
+{
+    Start();
+    ASSERT_TRUE(peer->SendInside(Transaction('t', 4096, "VAR " + std::string(4092, 'h'))));
+    char answer[VT_BUFSIZE];
+    const int length = ReceiveTransaction(peer->info.get(), answer, nullptr);
+    ASSERT_GT(length, 0);
+    EXPECT_EQ(std::string(answer, static_cast<size_t>(length)), "BAD: this is no handle of a value");
 }
 
 TEST(TimeOutOption, IsANumberOfSecondsUpToAnHour)

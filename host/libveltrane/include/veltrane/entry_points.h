@@ -7,11 +7,13 @@
 #define VELTRANE_ENTRY_POINTS_H
 
 #include <openssl/evp.h>
+#include <stdio.h>
 #include <time.h>
 
 #include <veltrane/attributes.h>
 #include <veltrane/crypto.h>
 #include <veltrane/diagnostics.h>
+#include <veltrane/net.h>
 #include <veltrane/outcome.h>
 #include <veltrane/types.h>
 

@@ -258,6 +258,133 @@ TEST_F(EntryPointDefaults, AReportQueryIsNotAnswered)
     });
 }
 
+TEST_F(EntryPointDefaults, LiteralsAreNotServed)
+{
+    InChild([&] {
+        const EvalContextPtr ctx(EvalContextNew());
+        log_.lines.clear();
+        RegisterLiteralServerData(ctx.get(), "site_network", nullptr);
+        EXPECT_TRUE(
+            log_.Has(LOG_LEVEL_VERBOSE, "Literal 'site_network' is not served: it needs the enterprise plug-in"));
+
+        char handle[] = "site_network";
+        char recv[8] = "before";
+        EXPECT_EQ(ReturnLiteralData(ctx.get(), handle, recv), 0);
+        EXPECT_STREQ(recv, "");
+        EXPECT_EQ(log_.UpTo(LOG_LEVEL_INFO).size(), 0u);
+    });
+}
+
+TEST_F(EntryPointDefaults, CookiesAndTestReportsAreNotAnswered)
+{
+    InChild([] {
+        char menu[] = "delta 0 0";
+        EXPECT_FALSE(ReturnCookies(nullptr));
+        EXPECT_FALSE(VTTestD_ReturnQueryData(nullptr, menu));
+    });
+}
+
+TEST_F(EntryPointDefaults, TheDaemonListensAsPolicySays)
+{
+    InChild([] {
+        const EvalContextPtr ctx(EvalContextNew());
+        EvalContextClassPutHard(ctx.get(), "policy_server", nullptr);
+        const InitServerFunction open = [](size_t queue_size, char *) { return static_cast<int>(queue_size); };
+        char address[] = "127.0.0.1";
+        EXPECT_EQ(SetServerListenState(ctx.get(), 7, address, true, open), 7);
+        EXPECT_EQ(SetServerListenState(ctx.get(), 7, address, false, open), -1);
+    });
+}
+
+TEST_F(EntryPointDefaults, AHubAnnouncesItselfUnderTheProductsName)
+{
+    InChild([&] {
+        const fs::path path = work_.path / "service";
+        {
+            const veltrane::FilePtr file(fopen(path.c_str(), "w"));
+            FprintAvahiVeltraneTag(file.get());
+        }
+        EXPECT_EQ(ReadFile(path), "<name replace-wildcards=\"yes\" >Veltrane 3.27.0 Policy Hub on %h </name>\n");
+    });
+}
+
+TEST_F(EntryPointDefaults, RemoteScalarsNeedThePlugIn)
+{
+    InChild([&] {
+        const EvalContextPtr ctx(EvalContextNew());
+        char word[] = "VAR";
+        char handle[] = "h1";
+        char recv[8] = "before";
+        log_.lines.clear();
+        EXPECT_EQ(GetRemoteScalar(ctx.get(), word, handle, "127.0.0.1", 0, recv), recv);
+        EXPECT_STREQ(recv, "BAD:");
+        EXPECT_TRUE(log_.Has(LOG_LEVEL_ERR, "Remote scalars need the enterprise plug-in"));
+    });
+}
+
+TEST_F(EntryPointDefaults, NoValueIsRememberedForLater)
+{
+    InChild([&] {
+        char caller[] = "main";
+        char handle[] = "h1";
+        char buffer[8] = "value";
+        CacheUnreliableValue(caller, handle, buffer);
+        EXPECT_EQ(RetrieveUnreliableValue(caller, handle, buffer), 0);
+        EXPECT_STREQ(buffer, "");
+        EXPECT_FALSE(fs::exists(work_.State("cache.lmdb")));
+    });
+}
+
+TEST_F(EntryPointDefaults, CollectCallsAreNotMade)
+{
+    InChild([&] {
+        CollectCallStart(0);
+        CollectCallStop();
+        const LogCapture::Line needed = {LOG_LEVEL_VERBOSE, "Collect calls need the enterprise plug-in"};
+        EXPECT_FALSE(log_.Has(needed.first, needed.second));
+        log_.lines.clear();
+        CollectCallStart(1);
+        EXPECT_THAT(log_.lines, ElementsAre(needed));
+
+        int waiting_queue = 7;
+        EXPECT_FALSE(CollectCallHasPending());
+        EXPECT_EQ(CollectCallGetPending(&waiting_queue), -1);
+        EXPECT_EQ(waiting_queue, 7);
+        CollectCallMarkProcessed();
+        EXPECT_THAT(log_.lines, ElementsAre(needed));
+    });
+}
+
+TEST_F(EntryPointDefaults, CollectCallsAreNotReceived)
+{
+    InChild([&] {
+        (void)enterprise_library();
+        log_.lines.clear();
+        EXPECT_FALSE(ReceiveCollectCall(nullptr));
+        EXPECT_THAT(log_.lines, ElementsAre(Pair(LOG_LEVEL_ERR, "Collect calls need the enterprise plug-in")));
+    });
+}
+
+TEST_F(EntryPointDefaults, WhatOnlyAHubDoesIsNotDone)
+{
+    InChild([&] {
+        (void)enterprise_library();
+        log_.lines.clear();
+        CheckAndSetHAState("/workdir", nullptr);
+        ReloadHAConfig();
+        EXPECT_EQ(EnterpriseGetMaxVtHubProcesses(), 0u);
+        EXPECT_THAT(log_.lines, IsEmpty());
+
+        char value[] = "value";
+        char format[] = "format";
+        Rlist *hosts = nullptr;
+        EXPECT_FALSE(ListHostsWithField(nullptr, &hosts, value, format, 0));
+        EXPECT_EQ(hosts, nullptr);
+        EXPECT_THAT(log_.lines,
+                    ElementsAre(Pair(LOG_LEVEL_ERR, "Listing hosts needs the enterprise plug-in on a hub")));
+    });
+}
+
 TEST_F(EntryPointDefaults, TheConsolePrefixIsTheProducts)
 {
     InChild([] { EXPECT_STREQ(GetConsolePrefix(), "veltrane"); });

@@ -251,6 +251,15 @@ TEST(PolicySchema, AnAccessPromiseSaysWhatItIsAbout)
 {
     EXPECT_EQ(OfPromise("access: x, admit_keys: [a]"), "1:1: a promise of type 'access' needs a 'resource'");
     EXPECT_EQ(OfPromise("access: x, resource: literal"), "1:1: a literal needs a 'handle' under which it is published");
+    EXPECT_EQ(OfPromise("access: x, resource: literal, handle: " + std::string(1024, 'h')), "accepted");
+    for (const std::string &handle : {std::string(1025, 'h'), std::string("''"), std::string("\"a\\nb\"")}) {
+        EXPECT_EQ(OfPromise("access: x, resource: literal, handle: " + handle),
+                  "1:40: a 'handle' has 1 to 1024 bytes and no control characters");
+    }
+    EXPECT_EQ(OfPromise("access: x, resource: literal, handle: '$(name)'"), "accepted") << "known when it is evaluated";
+    EXPECT_EQ(OfPromise("access: collect_call, resource: context"),
+              "1:10: 'collect_call' is no context: there is collect_calls");
+    EXPECT_EQ(OfPromise("access: '$(name)', resource: context"), "accepted");
 }
 
 TEST(PolicySchema, TruthValuesReadAsTrueAndFalse)
@@ -309,6 +318,15 @@ TEST(PolicySchema, AControlSectionIsAMap)
 {
     YamlNode node = Tree("[a]");
     EXPECT_EQ(Shown(veltrane::CheckControlSection("agent", &node)), "1:1: control section 'agent' must be a map");
+}
+
+TEST(PolicySchema, AServiceIsAnnouncedInAFileWithAWholePath)
+{
+    EXPECT_EQ(Control("server", "service_announcement: /etc/services/hub.service"), "accepted");
+    for (const std::string path : {"hub.service", "''", "[/a]"}) {
+        EXPECT_EQ(Control("server", "service_announcement: " + path),
+                  "1:24: 'service_announcement' must be an absolute path");
+    }
 }
 
 }  // namespace

@@ -84,4 +84,16 @@ TEST(QueryBorder, TheHubsClockMayBeAnything)
     EXPECT_TRUE(ParseReportQuery("rebase 0 " + std::to_string(kNow + 86'400), kNow, &why).has_value());
 }
 
+TEST(QueryBorder, AHandleHasOneTo1024BytesAndNoControlCharacters)
+{
+    for (const std::string &handle :
+         {std::string("h"), std::string("site network.[2]:\xc3\xa4"), std::string(1024, 'h')}) {
+        EXPECT_TRUE(veltrane::IsHandle(handle)) << handle;
+    }
+    for (const std::string &handle : {std::string(), std::string(1025, 'h'), std::string("a\0b", 3), std::string("a\n"),
+                                      std::string("\tb"), std::string("a\x7f"), std::string("\x1b[2J")}) {
+        EXPECT_FALSE(veltrane::IsHandle(handle)) << handle;
+    }
+}
+
 }  // namespace

@@ -354,4 +354,71 @@ TEST_F(Network, OffTheRecordLeavesNoEntry)
     EXPECT_FALSE(there);
 }
 
+TEST_F(Network, AScopeClosesWhatItsThreadLeftOpenInIt)
+{
+    ServeProperly();
+    {
+        const veltrane::ConnectionScope scope;
+        ASSERT_NE(Connect().release(), nullptr);
+    }
+    server.join();
+    ASSERT_NE(accepted.connection, nullptr);
+    EXPECT_EQ(ReceiveText(accepted.connection.get()), "(Connection reset by peer)");
+    EXPECT_TRUE(veltrane::ConnectionClosedByPeer(accepted.connection.get())) << "in good order";
+}
+
+TEST_F(Network, AScopeLeavesOtherConnectionsAlone)
+{
+    ServeProperly();
+    const AgentPtr before = Connect();
+    server.join();
+    const veltrane::AcceptedPeer of_before = std::move(accepted);
+    const Descriptor socket_of_before = std::move(accepted_socket);
+    AgentPtr elsewhere;
+    {
+        const veltrane::ConnectionScope scope;
+        {
+            const veltrane::ConnectionScope inner;
+        }
+        ServeProperly();
+        std::thread([this, &elsewhere] { elsewhere = Connect(); }).join();
+    }
+    server.join();
+    ASSERT_TRUE(before != nullptr && elsewhere != nullptr);
+    EXPECT_EQ(SendTransaction(of_before.connection.get(), "a", 1, 't'), 0);
+    EXPECT_EQ(ReceiveText(before->conn_info), "a");
+    EXPECT_EQ(SendTransaction(accepted.connection.get(), "b", 1, 't'), 0);
+    EXPECT_EQ(ReceiveText(elsewhere->conn_info), "b");
+}
+
+TEST_F(Network, AConnectionThatWasPutAsideOutlivesTheScope)
+{
+    ConnectionFlags flags{};
+    flags.cache_connection = true;
+    ServeProperly();
+    {
+        const veltrane::ConnectionScope scope;
+        ASSERT_NE(Connect(flags), nullptr);  // and disconnected
+    }
+    server.join();
+    const AgentPtr again = Connect(flags);  // nobody accepts
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(SendTransaction(accepted.connection.get(), "a", 1, 't'), 0);
+    EXPECT_EQ(ReceiveText(again->conn_info), "a");
+}
+
+TEST_F(Network, AScopeForgetsAConnectionThatWasEndedInIt)
+{
+    ServerConnectionReplace([](const char *, const char *, const Rlist *, unsigned int, ConnectionFlags, int *) {
+        return veltrane::AgentConnectionNew(ConnectionInfoNew());
+    });
+    {
+        const veltrane::ConnectionScope scope;
+        EXPECT_NE(Connect(), nullptr);
+        DeleteAgentConn(Connect().release());
+        EXPECT_NE(Connect().release(), nullptr) << "this one is left, and goes with the scope";
+    }
+    ServerConnectionReplace(nullptr);
+}
+
 }  // namespace

@@ -1,19 +1,21 @@
 // One thread a connection, at most so many, all joined.
 //
 // The pool owns each socket and closes it when its thread is through, under the record's own mutex, so that stopping
-// never shuts down a descriptor that has become somebody else's.
-#ifndef HOST_VT_SERVERD_CONNECTION_THREADS_H
-#define HOST_VT_SERVERD_CONNECTION_THREADS_H
+// never shuts down a descriptor that has become somebody else's. A socket that another process has as well (Share) is
+// closed and nothing else: shutting it down would end the other's connection.
+#ifndef HOST_LIBVELTRANE_CONNECTION_THREADS_H
+#define HOST_LIBVELTRANE_CONNECTION_THREADS_H
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <list>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
-namespace vtserverd {
+namespace veltrane {
 
 class ConnectionThreads {
   public:
@@ -28,7 +30,9 @@ class ConnectionThreads {
 
     // Serve a socket in a thread of its own, for a peer at this network (see CountOf). Takes over fd. false, with
     // errno, when there is no thread to be had.
-    [[nodiscard]] bool Start(int fd, const std::string &network);
+    //
+    // closed  is called once fd is closed, whatever became of it, in the connection's thread or here; may be empty
+    [[nodiscard]] bool Start(int fd, const std::string &network, std::function<void()> closed = {});
 
     // Join the threads that are through.
     void Join();
@@ -42,26 +46,34 @@ class ConnectionThreads {
     // End all: no further request is read; answers under way may take up to patience to end, then they are cut off.
     void Stop(std::chrono::milliseconds patience);
 
+    // For a connection's own thread: its socket is about to be handed to another process. From now on it is not shut
+    // down any more, not by Stop either, which then waits for the thread. false when Stop has begun: too late.
+    [[nodiscard]] bool Share(int fd);
+
   private:
     struct Connection {
         std::mutex mutex;      // guards fd
         int fd = -1;           // -1 once closed
         bool through = false;  // guarded by the pool's mutex
         std::string network;   // of the peer
+        std::function<void()> closed;
         std::thread thread;
     };
 
     void Run(Connection *connection);
+    void Forget(int fd);
     void ShutdownAll(int how);
 
     std::function<void(int)> serve_;
     std::function<void()> ended_;
     std::list<Connection> connections_;  // main thread only; the records stay where they are
-    std::mutex mutex_;                   // guards running_ and each record's through
+    std::mutex mutex_;                   // guards all below and each record's through; taken after a record's mutex
     std::condition_variable all_through_;
     size_t running_ = 0;
+    bool stopping_ = false;
+    std::set<int> shared_;  // sockets that other processes have as well
 };
 
-}  // namespace vtserverd
+}  // namespace veltrane
 
 #endif

@@ -1,4 +1,4 @@
-#include "vt-serverd/connection_threads.h"
+#include "libveltrane/connection_threads.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 #include <system_error>
 #include <utility>
 
-namespace vtserverd {
+namespace veltrane {
 
 ConnectionThreads::ConnectionThreads(std::function<void(int fd)> serve, std::function<void()> ended)
     : serve_(std::move(serve)), ended_(std::move(ended))
@@ -17,11 +17,12 @@ ConnectionThreads::ConnectionThreads(std::function<void(int fd)> serve, std::fun
 
 ConnectionThreads::~ConnectionThreads() { Stop(std::chrono::milliseconds(0)); }
 
-bool ConnectionThreads::Start(int fd, const std::string &network)
+bool ConnectionThreads::Start(int fd, const std::string &network, std::function<void()> closed)
 {
     Connection &connection = connections_.emplace_back();
     connection.fd = fd;
     connection.network = network;
+    connection.closed = std::move(closed);
     {
         const std::lock_guard lock(mutex_);
         ++running_;
@@ -33,8 +34,11 @@ bool ConnectionThreads::Start(int fd, const std::string &network)
             const std::lock_guard lock(mutex_);
             --running_;
         }
-        connections_.pop_back();
         close(fd);
+        if (connection.closed) {
+            connection.closed();
+        }
+        connections_.pop_back();
         errno = failure.code().value();
         return false;
     }
@@ -46,7 +50,11 @@ void ConnectionThreads::Run(Connection *connection)
     serve_(connection->fd);
     {
         const std::lock_guard lock(connection->mutex);
+        Forget(connection->fd);
         close(std::exchange(connection->fd, -1));
+    }
+    if (connection->closed) {
+        connection->closed();
     }
     {
         const std::lock_guard lock(mutex_);
@@ -81,11 +89,27 @@ size_t ConnectionThreads::CountOf(const std::string &network) const
                       [&network](const Connection &connection) { return connection.network == network; }));
 }
 
+bool ConnectionThreads::Share(int fd)
+{
+    const std::lock_guard lock(mutex_);
+    if (!stopping_) {
+        shared_.insert(fd);
+    }
+    return !stopping_;
+}
+
+void ConnectionThreads::Forget(int fd)
+{
+    const std::lock_guard lock(mutex_);
+    shared_.erase(fd);
+}
+
 void ConnectionThreads::ShutdownAll(int how)
 {
     for (Connection &connection : connections_) {
         const std::lock_guard lock(connection.mutex);
-        if (connection.fd >= 0) {
+        const std::lock_guard sharing(mutex_);
+        if (connection.fd >= 0 && shared_.count(connection.fd) == 0) {
             (void)shutdown(connection.fd, how);  // a peer that is gone already is fine
         }
     }
@@ -93,6 +117,10 @@ void ConnectionThreads::ShutdownAll(int how)
 
 void ConnectionThreads::Stop(std::chrono::milliseconds patience)
 {
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
     ShutdownAll(SHUT_RD);
     {
         std::unique_lock lock(mutex_);
@@ -103,4 +131,4 @@ void ConnectionThreads::Stop(std::chrono::milliseconds patience)
     connections_.clear();
 }
 
-}  // namespace vtserverd
+}  // namespace veltrane

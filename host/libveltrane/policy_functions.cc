@@ -12,6 +12,7 @@
 
 #include "libveltrane/child_process.h"
 #include "libveltrane/file_bytes.h"
+#include "libveltrane/policy_functions_directory.h"
 #include "libveltrane/regex_check.h"
 
 namespace veltrane {
@@ -20,7 +21,6 @@ namespace {
 
 constexpr long kCommandSeconds = 60;
 constexpr long kMostCommandSeconds = 3600;
-constexpr size_t kLargestText = size_t{1024} * 1024;
 
 std::atomic<const char *> no_commands_because{nullptr};
 
@@ -142,8 +142,8 @@ struct Function {
 
 constexpr Function kFunctions[] = {
     {"execresult", 2, 3, ExecResult},  {"readfile", 1, 2, ReadFileText}, {"canonify", 1, 1, Canonify},
-    {"classmatch", 1, 1, ClassMatch},  {"ldapvalue", 0, 0, nullptr},     {"ldaplist", 0, 0, nullptr},
-    {"ldaparray", 0, 0, nullptr},      {"regldap", 0, 0, nullptr},       {"remotescalar", 0, 0, nullptr},
+    {"classmatch", 1, 1, ClassMatch},  {"ldapvalue", 6, 6, LdapValue},   {"ldaplist", 6, 6, LdapList},
+    {"ldaparray", 6, 6, LdapArray},    {"regldap", 7, 7, RegLdap},       {"remotescalar", 0, 0, nullptr},
     {"hostswithclass", 0, 0, nullptr},
 };
 

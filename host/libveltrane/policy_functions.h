@@ -12,6 +12,8 @@
 //   readfile   [path] or [path, bytes]      what a regular file holds, at most so many bytes
 //   canonify   [text]                       the text as the name of a class
 //   classmatch [regex]                      "any" when the whole name of a class of the run matches, else "!any"
+//   ldapvalue, ldaplist, ldaparray, regldap: see policy_functions_directory.h. They reach beyond this machine, in a
+//                                           daemon as in the agent, and start nothing
 //
 // No text is longer than 1 MiB: what a command prints and what a file holds beyond that is left out, with a warning
 // (verbose where the policy asked for fewer bytes), never in the middle of a character.

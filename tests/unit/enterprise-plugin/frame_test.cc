@@ -83,6 +83,10 @@ const std::vector<std::string> kSignatures = {
     "void EnterpriseContext(ctx)",
     "void Vesk_ClassHistoryEnable(list, enable)",
     "void Vesk_ClassHistoryAddContextName(list, context_name)",
+    "void * VtLDAPValue(uri, basedn, filter, name, scopes, sec)",
+    "void * VtLDAPList(uri, basedn, filter, name, scopes, sec)",
+    "void * VtLDAPArray(ctx, caller, array, uri, basedn, filter, scopes, sec)",
+    "void * VtRegLDAP(ctx, uri, basedn, filter, name, scopes, regex, sec)",
 };
 
 std::string FailureMessage(const std::string &signature)

@@ -60,6 +60,8 @@ inline std::string SearchEntry(const std::string &dn, const std::string &attribu
 {
     return Tlv('\x64', Octets(dn) + Sequence(attributes));
 }
+// One whose name is longer than the message.
+inline std::string EntryWithoutName() { return Tlv('\x64', "\x04\x7Fx"); }
 inline std::string SearchReference(const std::string &uri) { return Tlv('\x73', Octets(uri)); }
 inline std::string Intermediate() { return Tlv('\x79', Tlv('\x80', "1.2.3")); }
 

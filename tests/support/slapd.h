@@ -3,6 +3,9 @@
 //
 // What it holds (see Data): people with passwords, groups, hosts with a role, values of every kind, a referral, entries
 // whose attributes differ, and as many machines as a test wants.
+//
+// Whoever asks it with libldap, in this process or another, does so with LDAPNOINIT in the environment: what the machine
+// has set for LDAP is not the test's.
 #ifndef TESTS_SUPPORT_SLAPD_H
 #define TESTS_SUPPORT_SLAPD_H
 
@@ -32,7 +35,6 @@ class Slapd {
   public:
     explicit Slapd(SlapdOptions options = {}) : options_(std::move(options))
     {
-        setenv("LDAPNOINIT", "1", 1);  // the machine's own settings for LDAP are not the test's
         WriteFiles();
         Run({"/usr/sbin/slapadd", "-q", "-f", Path("slapd.conf"), "-l", Path("data.ldif")});
         for (int attempt = 0; attempt < 5; attempt++) {  // another process may take the port meanwhile
@@ -200,7 +202,8 @@ class Slapd {
                Entry("cn=lonely,ou=hosts", "objectClass: device\ncn: lonely\n");
     }
 
-    // The attributes of the entries below differ: the first has a serial number and no owner, the second both.
+    // Entries whose attributes differ, found in this order, by the length of their names: the first has a serial number
+    // and no owner, the second both.
     static std::string Mixed()
     {
         return Entry("cn=first,ou=mixed", "objectClass: device\ncn: first\nserialNumber: 1\n") +
@@ -208,13 +211,13 @@ class Slapd {
                      "objectClass: device\ncn: second\nserialNumber: 2\nowner: uid=anna,ou=people,dc=example,dc=org\n");
     }
 
-    // A referral that every search of the subtree meets before the entry beside it.
+    // A referral that a search meets before the entry beside it, whose name is longer.
     static std::string Referrals()
     {
         return Entry("ou=elsewhere,ou=referrals",
                      "objectClass: referral\nobjectClass: extensibleObject\nou: elsewhere\n"
                      "ref: ldap://127.0.0.1:1/ou=elsewhere,dc=example,dc=org\n") +
-               Entry("cn=beside,ou=referrals", "objectClass: device\ncn: beside\nserialNumber: 3\n");
+               Entry("cn=beside-it-all,ou=referrals", "objectClass: device\ncn: beside-it-all\nserialNumber: 3\n");
     }
 
     // jpegPhoto holds any bytes: "ab", zero, "cd"; and 0xFF 0xFE 0x80.

@@ -1,11 +1,13 @@
 // The calls of libldap behind the directory operations. Synchronous throughout: a search comes back whole.
-#define LDAP_DEPRECATED 1  // anonymous simple bind, lists of referrals, unbind: this file alone uses them
+#define LDAP_DEPRECATED 1  // anonymous simple bind, lists of referrals, unbind
 #include "libvtenterprise/ldap_session.h"
 
 #include <utility>
 
 #include <veltrane/logging.h>
 #include <veltrane/string_lib.h>
+
+#include "libvtenterprise/ldap_library.h"
 
 using ldap_session::LdapText;
 using ldap_session::Then;
@@ -125,6 +127,13 @@ void TellDn(LDAP *ld, LDAPMessage *entry)
 
 LDAP *VeskLDAPConnect(const char *uri, bool starttls, long timeout_seconds, const char **errstr)
 {
+    if (const char *why = WhyNoLdapLibrary(); why != nullptr) {
+        if (errstr != nullptr) {
+            *errstr = why;
+        }
+        Log(LOG_LEVEL_ERR, "LDAP connection failed: %s", why);
+        return nullptr;
+    }
     if (!SetProcessOptions(timeout_seconds, errstr)) {
         return nullptr;
     }

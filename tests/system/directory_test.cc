@@ -261,7 +261,6 @@ TEST_F(DirectoryAgent, WithoutThePlugInLookUpsFail)
 TEST_F(DirectoryServer, ADaemonTakesItsPeersFromADirectoryAtItsStartAndInItsSandbox)
 {
     Site site;
-    setenv("LDAPNOINIT", "1", 1);
     const auto policy = [&](const std::string &filter) {
         return "bundles:\n  - agent: main\n    promises:\n      - classes: x\n        expression: any\n"
                "  - server: reports\n    promises:\n"
@@ -273,7 +272,9 @@ TEST_F(DirectoryServer, ADaemonTakesItsPeersFromADirectoryAtItsStartAndInItsSand
     };
     ASSERT_TRUE(site.TrustEachOther());
     site.WritePolicy(policy("(uid=carl)"));
+    setenv("LDAPNOINIT", "1", 1);  // for the daemon
     ASSERT_TRUE(site.StartDaemon());
+    unsetenv("LDAPNOINIT");
     EXPECT_NE(site.Collect("delta").status, 0);
 
     site.WritePolicy(policy("(uid=anna)"));

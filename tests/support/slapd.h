@@ -4,8 +4,8 @@
 // What it holds (see Data): people with passwords, groups, hosts with a role, values of every kind, a referral, entries
 // whose attributes differ, and as many machines as a test wants.
 //
-// Whoever asks it with libldap, in this process or another, does so with LDAPNOINIT in the environment: what the machine
-// has set for LDAP is not the test's.
+// Whoever asks it with libldap, in this process or another, does so with LDAPNOINIT in the environment: what the
+// machine has set for LDAP is not the test's.
 #ifndef TESTS_SUPPORT_SLAPD_H
 #define TESTS_SUPPORT_SLAPD_H
 

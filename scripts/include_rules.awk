@@ -36,6 +36,7 @@ function Layer(path,    room) {
     sub(/^libvtenterprise\//, "", room)
     sub(/\.[a-z]+$/, "", room)
     if (room ~ /^(vtenterprise|transport_crypto|enterprise_ha|cookies|remote_scalar|unreliable_values)$/) { return SERVICES }
+    if (room ~ /^ldap_(library|session|lib|functions)$/) { return SERVICES }
     if (room ~ /^(enterprise_compliance_log|evaluated_promise|enterprise_promises|reports_context)$/) { return SERVICES }
     if (room ~ /^(datapack.*|reply_line|untracked_index|server_report_filter|report_data|synthetic_reports)$/) { return PACKING }
     if (room ~ /^(diff_common|diff_handles|enterprise_install|record|hub_.*|promise_execution_json|promise_log)$/) {

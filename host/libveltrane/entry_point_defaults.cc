@@ -20,6 +20,17 @@
 
 namespace veltrane {
 
+namespace {
+
+// The answer of every directory look-up: a failure.
+void *NoDirectory()
+{
+    Log(LOG_LEVEL_ERR, "Directory look-ups need the enterprise plug-in");
+    return nullptr;
+}
+
+}  // namespace
+
 void Vesk_TrackExecutionDefault(const char *) {}
 void ReportPatchesDefault(PackageManager *) {}
 void GenerateReportsDefault(const GenericAgentConfig *, const EvalContext *) {}
@@ -157,5 +168,15 @@ bool ListHostsWithFieldDefault(EvalContext *, Rlist **, char *, char *, int)
     Log(LOG_LEVEL_ERR, "Listing hosts needs the enterprise plug-in on a hub");
     return false;
 }
+
+void *VtLDAPValueDefault(char *, char *, char *, char *, char *, char *) { return NoDirectory(); }
+void *VtLDAPListDefault(char *, char *, char *, char *, char *, char *) { return NoDirectory(); }
+
+void *VtLDAPArrayDefault(EvalContext *, const Bundle *, char *, char *, char *, char *, char *, char *)
+{
+    return NoDirectory();
+}
+
+void *VtRegLDAPDefault(EvalContext *, char *, char *, char *, char *, char *, char *, char *) { return NoDirectory(); }
 
 }  // namespace veltrane

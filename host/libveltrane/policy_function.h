@@ -13,6 +13,9 @@
 
 namespace veltrane {
 
+// No text that a function gives is longer.
+inline constexpr size_t kLargestText = size_t{1024} * 1024;
+
 struct FunctionCall {
     EvalContext *ctx;
     const Promise *promise;  // that the call belongs to

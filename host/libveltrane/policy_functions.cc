@@ -12,6 +12,7 @@
 
 #include "libveltrane/child_process.h"
 #include "libveltrane/file_bytes.h"
+#include "libveltrane/policy_functions_directory.h"
 #include "libveltrane/policy_functions_remote.h"
 #include "libveltrane/regex_check.h"
 #include "libveltrane/server_connection.h"
@@ -22,7 +23,6 @@ namespace {
 
 constexpr long kCommandSeconds = 60;
 constexpr long kMostCommandSeconds = 3600;
-constexpr size_t kLargestText = size_t{1024} * 1024;
 
 std::atomic<const char *> no_commands_because{nullptr};
 
@@ -139,15 +139,14 @@ struct Function {
     const char *name;
     size_t fewest;  // arguments
     size_t most;
-    Answer (*work)(const FunctionCall &call);  // nullptr: not part of this build
+    Answer (*work)(const FunctionCall &call);
 };
 
 constexpr Function kFunctions[] = {
-    {"execresult", 2, 3, ExecResult},     {"readfile", 1, 2, ReadFileText},
-    {"canonify", 1, 1, Canonify},         {"classmatch", 1, 1, ClassMatch},
-    {"ldapvalue", 0, 0, nullptr},         {"ldaplist", 0, 0, nullptr},
-    {"ldaparray", 0, 0, nullptr},         {"regldap", 0, 0, nullptr},
-    {"remotescalar", 2, 3, RemoteScalar}, {"hostswithclass", 2, 2, HostsWithClass},
+    {"execresult", 2, 3, ExecResult},         {"readfile", 1, 2, ReadFileText}, {"canonify", 1, 1, Canonify},
+    {"classmatch", 1, 1, ClassMatch},         {"ldapvalue", 6, 6, LdapValue},   {"ldaplist", 6, 6, LdapList},
+    {"ldaparray", 6, 6, LdapArray},           {"regldap", 7, 7, RegLdap},       {"remotescalar", 2, 3, RemoteScalar},
+    {"hostswithclass", 2, 2, HostsWithClass},
 };
 
 const Function *Find(const char *name)
@@ -173,7 +172,7 @@ void RefuseCommandsOfPolicy(const char *why) { no_commands_because = why; }
 Answer CallPolicyFunction(const FunctionCall &call)
 {
     const Function *function = Find(call.name.c_str());
-    if (function == nullptr || function->work == nullptr) {
+    if (function == nullptr) {
         Log(LOG_LEVEL_ERR, "Function '%s' is not available", call.name.c_str());
         return Failed("not available");
     }

@@ -2,8 +2,8 @@
 //
 // A program that talks to strangers runs no command: execresult fails there (RefuseCommandsOfPolicy).
 //
-// Each name that the language knows is in one table. A name whose work is not part of this build, or that needs what
-// this host lacks, fails when it is called: the promise is skipped, the rest of the policy goes on.
+// Each name that the language knows is in one table. One that needs what this host lacks fails when it is called: the
+// promise is skipped, the rest of the policy goes on.
 //
 //   execresult [command, noshell|useshell] or [command, noshell|useshell, seconds]
 //                                           what a command prints on its standard output, without the line ends at its
@@ -13,6 +13,9 @@
 //   canonify   [text]                       the text as the name of a class
 //   classmatch [regex]                      "any" when the whole name of a class of the run matches, else "!any"
 //   remotescalar, hostswithclass            see policy_functions_remote.h
+//   ldapvalue, ldaplist, ldaparray, regldap see policy_functions_directory.h
+//
+// The last two rows reach beyond this machine, in a daemon as in the agent, and start nothing.
 //
 // No text is longer than 1 MiB: what a command prints and what a file holds beyond that is left out, with a warning
 // (verbose where the policy asked for fewer bytes), never in the middle of a character.

@@ -98,6 +98,9 @@ bool StartProgram(const ProgramOptions &options)
     VTSTARTTIME = time(nullptr);
     signal(SIGPIPE, SIG_IGN);  // a peer that goes away is an error of a write, not the end of the program
     SeedRandom();
+    // The library that asks directories reads its time-outs from here, at its first use.
+    (void)setenv("LDAPNETWORK_TIMEOUT", kDirectoryNetworkTimeout, 0);
+    (void)setenv("LDAPTIMEOUT", kDirectoryTimeout, 0);
     if (options.timeout_seconds > 0) {
         CONNTIMEOUT = options.timeout_seconds;
     }

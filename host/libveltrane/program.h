@@ -21,8 +21,15 @@ struct ProgramOptions {
     std::string user;                   // the user this process has become, whose the work directory must be; "" = any
 };
 
+// How long a program waits for a silent directory (LDAP) unless its environment says otherwise: seconds for connecting,
+// and for each answer.
+inline constexpr char kDirectoryNetworkTimeout[] = "10";
+inline constexpr char kDirectoryTimeout[] = "30";
+
 // Start a program: log level, FIPS_MODE, SIGPIPE ignored, rand seeded from the kernel, VTSTARTTIME, CONNTIMEOUT, the
-// work directory with all it holds, VELTRANE_PORT_STR. Once, in main, before anything else of this library.
+// work directory with all it holds, VELTRANE_PORT_STR, and in the environment, unless they are there, LDAPTIMEOUT and
+// LDAPNETWORK_TIMEOUT: directory look-ups set no time-out themselves. Once, in main, before anything else of this
+// library.
 //
 // Result  false, with one error line that says why, when the port is none or the work directory cannot be made, could
 //         have been written by another user (it, or a directory above it that lets others swap it), or does not belong

@@ -15,6 +15,7 @@
 #include "libveltrane/privilege.h"
 #include "libveltrane/program.h"
 #include "libveltrane/trust_commands.h"
+#include "vt-hub/ldap_commands.h"
 #include "vt-hub/listen.h"
 #include "vt-hub/query.h"
 #include "vt-hub/reply_output.h"
@@ -36,6 +37,7 @@ struct Arguments {
     std::string show_type = "delta";
     std::string trust_file;
     std::string trust_identity;
+    vthub::LdapRequest ldap;
 };
 
 int Show(const Arguments &arguments, const std::string &identity, const std::string &type,
@@ -167,8 +169,47 @@ void DescribeTrust(CLI::App &app, Arguments &arguments)
     trust->add_subcommand("list", "List the trusted keys");
 }
 
+void DescribeLdap(CLI::App &app, vthub::LdapRequest &request)
+{
+    CLI::App *ldap = app.add_subcommand("ldap", "Ask a directory (LDAP); certificates of servers are not verified");
+    ldap->require_subcommand(1);
+    CLI::App *check = ldap->add_subcommand("check", "Is this password right? Exit status 0 when it is");
+    check->add_option("--dn", request.dn, "Whose password it is")->required();
+    CLI::App *search = ldap->add_subcommand("search", "The names of the entries that a search finds");
+    CLI::App *list = ldap->add_subcommand("list", "The values of one attribute, a page of entries at a time");
+    list->add_option("ATTRIBUTE", request.attribute, "Its name, exactly")->required();
+    list->add_option("--page", request.page, "Which page (1); each begins with the last message of the one before")
+        ->check(CLI::PositiveNumber);
+    list->add_option("--per-page", request.per_page, "Messages a page (1000)")->check(CLI::PositiveNumber);
+    for (CLI::App *one : {search, list}) {
+        one->add_option("--base", request.base, "Where to search")->required();
+        one->add_option("--filter", request.filter, "For what, as '(cn=*)'; else for everything");
+        one->add_option("--scope", request.scope, "base, onelevel or subtree (subtree)")
+            ->check(CLI::IsMember({"base", "onelevel", "subtree"}));
+        one->add_option("--dn", request.dn, "Search as this user, with a password; else as nobody");
+    }
+    for (CLI::App *one : {check, search, list}) {
+        one->add_option("--uri", request.uri, "The directory, as ldap://host:389")->required();
+        one->add_option("--password-file", request.password_file,
+                        "The password is its first line; else that of standard input");
+        one->add_flag("--starttls", request.starttls, "Encrypt");
+    }
+}
+
+int RunLdap(const CLI::App *ldap, Arguments &arguments)
+{
+    arguments.ldap.timeout_seconds = arguments.program.timeout_seconds;
+    if (ldap->got_subcommand("check")) {
+        return vthub::LdapCheck(arguments.ldap);
+    }
+    return ldap->got_subcommand("search") ? vthub::LdapSearch(arguments.ldap) : vthub::LdapList(arguments.ldap);
+}
+
 int Run(CLI::App &app, Arguments &arguments)
 {
+    if (app.got_subcommand("ldap")) {
+        return RunLdap(app.get_subcommand("ldap"), arguments);
+    }
     if (app.got_subcommand("collect")) {
         return Collect(arguments);
     }
@@ -217,6 +258,7 @@ int main(int argc, char **argv)
     DescribeListen(app, arguments);
     DescribeShow(app, arguments);
     DescribeTrust(app, arguments);
+    DescribeLdap(app, arguments.ldap);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

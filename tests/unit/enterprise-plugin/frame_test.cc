@@ -102,6 +102,10 @@ const std::vector<std::string> kSignatures = {
     "void CheckAndSetHAState(workdir, ctx)",
     "void ReloadHAConfig()",
     "_Bool ListHostsWithField(ctx, return_list, field_value, return_format, function_type)",
+    "void * VtLDAPValue(uri, basedn, filter, name, scopes, sec)",
+    "void * VtLDAPList(uri, basedn, filter, name, scopes, sec)",
+    "void * VtLDAPArray(ctx, caller, array, uri, basedn, filter, scopes, sec)",
+    "void * VtRegLDAP(ctx, uri, basedn, filter, name, scopes, regex, sec)",
 };
 
 std::string FailureMessage(const std::string &signature)

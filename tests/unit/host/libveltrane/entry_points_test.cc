@@ -479,3 +479,30 @@ TEST_F(EntryPointDefaults, ClassHistoryWorks)
         EXPECT_EQ(history, nullptr);
     });
 }
+
+TEST_F(EntryPoints, DirectoryLookUpsReachThePlugIn)
+{
+    Install("fake_good");
+    InChild([&] {
+        char text[] = "x";
+        EXPECT_EQ(VtLDAPValue(text, text, text, text, text, text), nullptr);
+        EXPECT_EQ(VtLDAPList(text, text, text, text, text, text), nullptr);
+        EXPECT_EQ(VtLDAPArray(nullptr, nullptr, text, text, text, text, text, text), nullptr);
+        EXPECT_EQ(VtRegLDAP(nullptr, text, text, text, text, text, text, text), nullptr);
+        EXPECT_EQ(Fake<std::atomic<int>>("fake_calls"), 4);
+        EXPECT_THAT(log_.lines, IsEmpty());
+    });
+}
+
+TEST_F(EntryPointDefaults, DirectoryLookUpsNeedThePlugIn)
+{
+    InChild([&] {
+        char text[] = "x";
+        EXPECT_EQ(VtLDAPValue(text, text, text, text, text, text), nullptr);
+        EXPECT_EQ(VtLDAPList(text, text, text, text, text, text), nullptr);
+        EXPECT_EQ(VtLDAPArray(nullptr, nullptr, text, text, text, text, text, text), nullptr);
+        EXPECT_EQ(VtRegLDAP(nullptr, text, text, text, text, text, text, text), nullptr);
+        const LogCapture::Line line(LOG_LEVEL_ERR, "Directory look-ups need the enterprise plug-in");
+        EXPECT_THAT(log_.UpTo(LOG_LEVEL_INFO), ElementsAre(line, line, line, line));
+    });
+}

@@ -348,7 +348,7 @@ TEST_F(Evaluator, AFunctionThatFailsLeavesItsPromiseSkippedAndSaysWhyOnce)
       - vars: x
         string: {readfile: [/nonexistent/file]}
       - vars: y
-        string: {ldapvalue: [a, b, c, d, e, f]}
+        string: {hostswithclass: [a, key]}
       - reports: goes on
 )j");
 
@@ -358,7 +358,7 @@ TEST_F(Evaluator, AFunctionThatFailsLeavesItsPromiseSkippedAndSaysWhyOnce)
         ElementsAre(
             Pair(LOG_LEVEL_ERR,
                  "Function 'readfile' failed: could not open '/nonexistent/file' (open: No such file or directory)"),
-            Pair(LOG_LEVEL_ERR, "Function 'ldapvalue' is not available")));
+            Pair(LOG_LEVEL_ERR, "Function 'hostswithclass' failed: 'key' is neither name nor address")));
 }
 
 TEST_F(Evaluator, AListInParenthesesIterates)

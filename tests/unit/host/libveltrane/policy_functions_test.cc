@@ -56,13 +56,6 @@ TEST_F(PolicyFunctions, AreKnownByName)
     for (const char *name : {"", "exec", "ReadFile", "string"}) { EXPECT_FALSE(veltrane::IsPolicyFunction(name)); }
 }
 
-TEST_F(PolicyFunctions, OfTheDirectoryAreNotAvailable)
-{
-    for (const char *name : {"ldapvalue", "ldaplist", "ldaparray", "regldap"}) {
-        EXPECT_EQ(Complaint(name, {"a", "b"}), "Function '" + std::string(name) + "' is not available");
-    }
-}
-
 TEST_F(PolicyFunctions, RefuseAWrongNumberOfArguments)
 {
     EXPECT_EQ(Complaint("canonify", {}), "Function 'canonify' failed: it does not take 0 arguments");

@@ -159,3 +159,21 @@ TEST_F(Program, SaysWhatStandsInTheWayOfItsWorkDirectory)
                 ElementsAre(Pair(LOG_LEVEL_ERR, "Could not make the work directory '" + options.workdir +
                                                     "'. (mkdir: Not a directory)")));
 }
+
+TEST_F(Program, PresetsHowLongADirectoryIsWaitedFor)
+{
+    unsetenv("LDAPTIMEOUT");
+    unsetenv("LDAPNETWORK_TIMEOUT");
+    ASSERT_TRUE(StartProgram(options));
+    EXPECT_STREQ(getenv("LDAPTIMEOUT"), "30");
+    EXPECT_STREQ(getenv("LDAPNETWORK_TIMEOUT"), "10");
+}
+
+TEST_F(Program, LeavesTimeOutsThatAreSetAsTheyAre)
+{
+    setenv("LDAPTIMEOUT", "7", 1);
+    setenv("LDAPNETWORK_TIMEOUT", "", 1);
+    ASSERT_TRUE(StartProgram(options));
+    EXPECT_STREQ(getenv("LDAPTIMEOUT"), "7");
+    EXPECT_STREQ(getenv("LDAPNETWORK_TIMEOUT"), "");
+}

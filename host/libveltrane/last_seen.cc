@@ -36,24 +36,38 @@ bool WriteText(DBHandle *db, const std::string &key, const std::string &text)
     return WriteDB(db, key.c_str(), text.c_str(), static_cast<int>(text.size() + 1));
 }
 
-bool WriteAddress(DBHandle *db, const std::string &identity, const std::string &address)
+bool HoldsText(DBHandle *db, const std::string &key, const std::string &text)
 {
-    return address.empty() || (WriteText(db, "k" + identity, address) && WriteText(db, "p" + address, identity));
+    char held[128] = "";
+    return ReadDB(db, key.c_str(), held, sizeof(held) - 1) && text == held;
 }
 
 // Forget the address that the peer had before, unless another peer was met there since.
-void ForgetOldAddress(DBHandle *db, const std::string &identity, const std::string &address)
+void ForgetOldAddress(DBHandle *db, const std::string &identity)
 {
     char old_address[64] = "";
-    char at_old_address[128] = "";
-    if (address.empty() || !ReadDB(db, ("k" + identity).c_str(), old_address, sizeof(old_address) - 1) ||
-        address == old_address) {
+    if (!ReadDB(db, ("k" + identity).c_str(), old_address, sizeof(old_address) - 1)) {
         return;
     }
     const std::string key = std::string("p") + old_address;
-    if (ReadDB(db, key.c_str(), at_old_address, sizeof(at_old_address) - 1) && identity == at_old_address) {
+    if (HoldsText(db, key, identity)) {
         (void)DeleteDB(db, key.c_str());  // gone already when another program was quicker
     }
+}
+
+// Note where a peer was met. Most are met where they were before: then there is nothing to write.
+bool NoteAddress(DBHandle *db, const std::string &identity, const std::string &address)
+{
+    const std::string by_peer = "k" + identity;
+    const std::string by_address = "p" + address;
+    if (address.empty()) {
+        return true;
+    }
+    if (!HoldsText(db, by_peer, address)) {
+        ForgetOldAddress(db, identity);
+        return WriteText(db, by_peer, address) && WriteText(db, by_address, identity);
+    }
+    return HoldsText(db, by_address, identity) || WriteText(db, by_address, identity);
 }
 
 }  // namespace
@@ -68,8 +82,7 @@ void NoteSeenPeer(const std::string &identity, const std::string &address, SeenD
     const DBHandlePtr db(opened);
     const std::string key = std::string("q") + static_cast<char>(direction) + identity;
     const KeyHostSeen seen = NextSighting(db.get(), key, std::time(nullptr));
-    ForgetOldAddress(db.get(), identity, address);
-    if (!WriteDB(db.get(), key.c_str(), &seen, sizeof(seen)) || !WriteAddress(db.get(), identity, address)) {
+    if (!WriteDB(db.get(), key.c_str(), &seen, sizeof(seen)) || !NoteAddress(db.get(), identity, address)) {
         Log(LOG_LEVEL_VERBOSE, "Could not write the last-seen database: %s", GetErrorStr());
     }
 }

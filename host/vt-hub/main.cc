@@ -142,7 +142,7 @@ void DescribeListen(CLI::App &app, Arguments &arguments)
     listen->add_option("--since", arguments.listen.since, "Start of the wanted period, seconds since the epoch (0)")
         ->check(CLI::NonNegativeNumber);
     listen->add_option("--count", arguments.listen.count, "End after so many hosts have answered")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1, 1000000000));
     DescribeOutput(listen, arguments);
 }
 
@@ -179,8 +179,8 @@ void DescribeLdap(CLI::App &app, vthub::LdapRequest &request)
     CLI::App *list = ldap->add_subcommand("list", "The values of one attribute, a page of entries at a time");
     list->add_option("ATTRIBUTE", request.attribute, "Its name, exactly")->required();
     list->add_option("--page", request.page, "Which page (1); each begins with the last message of the one before")
-        ->check(CLI::PositiveNumber);
-    list->add_option("--per-page", request.per_page, "Messages a page (1000)")->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1, 1000000000));
+    list->add_option("--per-page", request.per_page, "Messages a page (1000)")->check(CLI::Range(1, 1000000000));
     for (CLI::App *one : {search, list}) {
         one->add_option("--base", request.base, "Where to search")->required();
         one->add_option("--filter", request.filter, "For what, as '(cn=*)'; else for everything");

@@ -200,7 +200,8 @@ TEST_F(ProcessesPromise, SeesProcessesThatThisRunStarted)
 {
     host.WritePolicy("      - processes: " + marker + "$(const.dollar)\n        restart_class: start\n" +
                      "      - commands: \"sh -c 'echo $$ >pid; read x <fifo' sh " + marker +
-                     " >/dev/null 2>&1 &\"\n        shell: true\n        cwd: " + host.directory.path.string() +
+                     " >/dev/null 2>&1 & until [ -s pid ]; do sleep 0.01; done\"\n        shell: true\n        cwd: " +
+                     host.directory.path.string() +
                      "\n        if: start\n        classes: {repaired: started}\n"
                      "      - processes: \"" +
                      marker +

@@ -37,6 +37,17 @@ Walk PageOf(size_t page, size_t results_per_page)
     return walk;
 }
 
+// The answer to a search; NULL with its error text.
+MessagePtr SearchOrSayWhy(LDAP *ld, const ldap_session::Question &question, const char **errstr)
+{
+    int code = LDAP_SUCCESS;
+    MessagePtr answer = Search(ld, question, &code);
+    if (answer == nullptr) {
+        *errstr = ldap_err2string(code);
+    }
+    return answer;
+}
+
 }  // namespace
 
 bool VtLDAPAuthenticate(const char *uri, const char *basedn, const char *passwd, const char *authentication_method,
@@ -66,10 +77,8 @@ StringSet *VtLDAP_SearchDNs(const char *uri, const char *authdn, const char *pas
     if (ld == nullptr) {
         return nullptr;
     }
-    int code = LDAP_SUCCESS;
-    const MessagePtr answer = Search(ld.get(), {basedn, filter, scopes}, &code);
+    const MessagePtr answer = SearchOrSayWhy(ld.get(), {basedn, filter, scopes}, errstr);
     if (answer == nullptr) {
-        *errstr = ldap_err2string(code);
         return nullptr;
     }
     veltrane::StringSetPtr names(StringSetNew());
@@ -93,13 +102,12 @@ Rlist *VtLDAP_GetSingleAttributeList(const char *password, const char *uri, cons
     if (ld == nullptr) {
         return nullptr;
     }
-    int code = LDAP_SUCCESS;
-    const MessagePtr answer = Search(ld.get(), {basedn, filter, scopes}, &code);
+    const MessagePtr answer = SearchOrSayWhy(ld.get(), {basedn, filter, scopes}, errstr);
     if (answer == nullptr) {
-        *errstr = ldap_err2string(code);
         return nullptr;
     }
     veltrane::RlistPtr values;
+    int code = LDAP_SUCCESS;
     const bool whole =
         CollectValues(ld.get(), answer.get(), PageOf(page, results_per_page), attribute_name, &values, &code);
     *errstr = whole ? nullptr : ldap_err2string(code);
